@@ -1,0 +1,58 @@
+#include "tests/support/ResourceSnapshot.h"
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdlib>
+
+namespace testsupport {
+
+namespace {
+
+std::set<std::string> DirectoryNames(const char* path) {
+  std::set<std::string> names;
+  DIR* dir = opendir(path);
+  if (dir == nullptr) return names;
+  while (dirent* e = readdir(dir)) {
+    std::string name = e->d_name;
+    if (name != "." && name != "..") names.insert(name);
+  }
+  closedir(dir);
+  return names;
+}
+
+std::string DescriptorTarget(int fd) {
+  char link[PATH_MAX + 1] = {};
+  std::string path = "/proc/self/fd/" + std::to_string(fd);
+  ssize_t n = readlink(path.c_str(), link, PATH_MAX);
+  return n > 0 ? std::string(link, static_cast<size_t>(n)) : std::string("?");
+}
+
+}  // namespace
+
+std::set<int> OpenDescriptors() {
+  std::set<int> fds;
+  // The directory stream itself holds a descriptor while it is read; it is
+  // closed again before we return, so it never shows as a difference.
+  for (const std::string& name : DirectoryNames("/proc/self/fd")) fds.insert(std::atoi(name.c_str()));
+  return fds;
+}
+
+std::set<std::string> ShmEntries() { return DirectoryNames("/dev/shm"); }
+
+ResourceSnapshot::ResourceSnapshot() : m_fds(OpenDescriptors()), m_shm(ShmEntries()) {}
+
+std::string ResourceSnapshot::Leaks() const {
+  std::string text;
+  std::set<int> fds = OpenDescriptors();
+  for (int fd : fds) {
+    if (m_fds.count(fd) == 0) text += "fd " + std::to_string(fd) + " -> " + DescriptorTarget(fd) + "\n";
+  }
+  for (const std::string& name : ShmEntries()) {
+    if (m_shm.count(name) == 0) text += "/dev/shm/" + name + "\n";
+  }
+  return text;
+}
+
+}  // namespace testsupport
