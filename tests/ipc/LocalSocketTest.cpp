@@ -1,0 +1,287 @@
+// LocalSocket on real Unix-domain sockets: exact reads, writes that report
+// what was sent, zero-size calls, a peer that has gone, moves, reconnection,
+// the path rule, close-on-exec, signals, and Enum.
+#include "ipc/LocalSocket.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <thread>
+
+#include "ipc/LocalSocketServer.h"
+#include "tests/ipc/IpcTestSupport.h"
+
+namespace {
+
+using ipctest::IpcTest;
+
+// A connected pair made through a server of a unique name: `client` connected
+// with Connect, `peer` handed out by Accept.
+struct Pair {
+  LocalSocketServer server;
+  LocalSocket client;
+  LocalSocket peer;
+};
+
+void Open(Pair& pair, const std::string& name) {
+  ASSERT_TRUE(pair.server.Create(name.c_str()));
+  ASSERT_TRUE(pair.client.Connect(name.c_str()));
+  pair.peer = pair.server.Accept();
+  ASSERT_TRUE(pair.peer.connected());
+}
+
+// Sends `text` from `from` and reads it back on `to`: true when it arrived whole.
+bool RoundTrip(LocalSocket& from, LocalSocket& to, const std::string& text) {
+  if (from.Write(text.data(), text.size()) != text.size()) return false;
+  std::string got(text.size(), '\0');
+  return to.Read(&got[0], got.size()) == text.size() && got == text;
+}
+
+class LocalSocketTest : public IpcTest {};
+
+TEST_F(LocalSocketTest, ReadDeliversAllRequestedBytesOrNothing) {
+  struct Case {
+    const char* what;
+    std::vector<std::string> pieces;  // sent one by one, a little apart
+    bool closeAfter;                  // the peer disconnects after the pieces
+    size_t expect;
+  } cases[] = {
+      {"in one piece", {"0123456789"}, false, 10},
+      {"in three pieces", {"012", "345", "6789"}, false, 10},
+      {"all, then the peer closes", {"0123456789"}, true, 10},
+      {"peer closes half-way", {"012345"}, true, 0},
+      {"peer closes at once", {}, true, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    Pair pair;
+    Open(pair, Name());
+    std::thread sender([&] {
+      for (const std::string& piece : c.pieces) {
+        pair.peer.Write(piece.data(), piece.size());
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      }
+      if (c.closeAfter) pair.peer.Disconnect();
+    });
+    char buffer[10] = {};
+    EXPECT_EQ(pair.client.Read(buffer, sizeof(buffer)), c.expect);
+    sender.join();
+    EXPECT_EQ(pair.client.connected(), c.expect != 0);
+    if (c.expect == 0) {
+      // Disconnected: everything later fails at once.
+      EXPECT_EQ(pair.client.Read(buffer, 1), 0u);
+      EXPECT_EQ(pair.client.Write("x", 1), 0u);
+    } else {
+      EXPECT_EQ(std::string(buffer, sizeof(buffer)), "0123456789");
+    }
+  }
+}
+
+TEST_F(LocalSocketTest, ZeroSizeCallsMakeNoSystemCall) {
+  Pair pair;
+  Open(pair, Name());
+  LocalSocket unconnected;
+  for (LocalSocket* socket : {&pair.client, &unconnected}) {
+    errno = EDOM;  // a call on any descriptor (even -1) would change it
+    EXPECT_EQ(socket->Read(nullptr, 0), 0u);
+    EXPECT_EQ(socket->Write(nullptr, 0), 0u);
+    EXPECT_EQ(errno, EDOM);
+  }
+  EXPECT_TRUE(pair.client.connected());
+  // Nothing was sent or consumed: the stream carries exactly the next bytes.
+  EXPECT_TRUE(RoundTrip(pair.client, pair.peer, "ab"));
+  EXPECT_TRUE(RoundTrip(pair.peer, pair.client, "cd"));
+}
+
+TEST_F(LocalSocketTest, WritingToAGonePeerReportsAndDoesNotRaiseSigpipe) {
+  // Default disposition: a SIGPIPE would end this test program.
+  ipctest::ScopedSignal sigpipe(SIGPIPE, nullptr);
+  struct Case {
+    const char* what;
+    size_t size;
+    size_t peerReads;  // bytes the peer reads before it closes
+  } cases[] = {
+      {"small write after the peer closed", 10, 0},
+      {"large write, peer closes part-way", 8u << 20, 4096},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    Pair pair;
+    Open(pair, Name());
+    std::thread closer([&] {
+      std::vector<char> sink(c.peerReads);
+      if (!sink.empty()) pair.peer.Read(sink.data(), sink.size());
+      pair.peer.Disconnect();
+    });
+    if (c.peerReads == 0) closer.join();
+    std::vector<char> data(c.size, 'z');
+    size_t sent = pair.client.Write(data.data(), data.size());
+    if (closer.joinable()) closer.join();
+    EXPECT_LT(sent, c.size);
+    EXPECT_GE(sent, c.peerReads);
+    // A failed write does not disconnect; the next read does.
+    EXPECT_TRUE(pair.client.connected());
+    char byte;
+    EXPECT_EQ(pair.client.Read(&byte, 1), 0u);
+    EXPECT_FALSE(pair.client.connected());
+  }
+}
+
+TEST_F(LocalSocketTest, MovesTransferTheConnectionAndCloseOnlyOnce) {
+  Pair one, two;
+  Open(one, Name());
+  Open(two, Name());
+
+  {
+    LocalSocket moved(std::move(one.client));
+    EXPECT_FALSE(one.client.connected());
+    EXPECT_TRUE(RoundTrip(moved, one.peer, "construct"));
+    one.client = std::move(moved);  // back into the moved-from socket
+    EXPECT_FALSE(moved.connected());
+  }  // destroying the moved-from socket must not close the connection
+  EXPECT_TRUE(RoundTrip(one.client, one.peer, "still open"));
+
+  // Assigning a connected socket into a connected one closes the target's old
+  // connection: its peer sees the end of the stream.
+  two.client = std::move(one.client);
+  EXPECT_FALSE(one.client.connected());
+  char byte;
+  EXPECT_EQ(two.peer.Read(&byte, 1), 0u);
+  EXPECT_TRUE(RoundTrip(two.client, one.peer, "assigned"));
+
+  // Self-assignment keeps the connection.
+  LocalSocket& alias = two.client;
+  two.client = std::move(alias);
+  EXPECT_TRUE(RoundTrip(two.client, one.peer, "self"));
+}
+
+TEST_F(LocalSocketTest, ConnectOnAConnectedSocketClosesTheOldConnection) {
+  Pair first;
+  Open(first, Name());
+  LocalSocketServer second;
+  std::string secondName = Name();
+  ASSERT_TRUE(second.Create(secondName.c_str()));
+  size_t before = NewDescriptors().size();
+
+  ASSERT_TRUE(first.client.Connect(secondName.c_str()));
+  LocalSocket secondPeer = second.Accept();
+  EXPECT_EQ(NewDescriptors().size(), before + 1);  // only secondPeer is new
+  char byte;
+  EXPECT_EQ(first.peer.Read(&byte, 1), 0u);  // the old connection was closed
+  EXPECT_TRUE(RoundTrip(first.client, secondPeer, "new"));
+
+  // A failed Connect also drops the old connection.
+  EXPECT_FALSE(first.client.Connect(Name().c_str()));
+  EXPECT_FALSE(first.client.connected());
+  EXPECT_EQ(secondPeer.Read(&byte, 1), 0u);
+}
+
+TEST_F(LocalSocketTest, ConnectWithoutListenerFailsAndHoldsNothing) {
+  // A stale socket file: bound, never listened on, closed.
+  std::string stale = Name();
+  {
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof(address.sun_path), "/tmp/%s", stale.c_str());
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    close(fd);
+  }
+  struct Case {
+    std::string name;
+    int error;
+  } cases[] = {{Name(), ENOENT}, {stale, ECONNREFUSED}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    LocalSocket socket;
+    EXPECT_FALSE(socket.Connect(c.name.c_str()));
+    EXPECT_EQ(errno, c.error);
+    EXPECT_FALSE(socket.connected());
+    EXPECT_TRUE(NewDescriptors().empty());
+  }
+  unlink(("/tmp/" + stale).c_str());
+}
+
+TEST_F(LocalSocketTest, LongNamesAreCutToTheSocketPathField) {
+  // "/tmp/" plus 102 characters fills the 107 usable bytes of sun_path.
+  std::string base = Name();
+  base += std::string(102 - base.size(), 'n');
+  LocalSocketServer server;
+  ASSERT_TRUE(server.Create((base + "-server-tail").c_str()));
+  EXPECT_TRUE(ipctest::PathExists("/tmp/" + base));
+  // Any name with the same first 102 characters reaches the same socket.
+  LocalSocket client;
+  EXPECT_TRUE(client.Connect((base + "-other-tail").c_str()));
+  LocalSocket peer = server.Accept();
+  EXPECT_TRUE(RoundTrip(client, peer, "cut"));
+  server.Destroy();
+  EXPECT_FALSE(ipctest::PathExists("/tmp/" + base));
+}
+
+TEST_F(LocalSocketTest, DescriptorsAreCloseOnExec) {
+  Pair pair;
+  Open(pair, Name());
+  std::vector<int> fds = NewDescriptors();
+  EXPECT_EQ(fds.size(), 3u);  // listening, client, accepted
+  for (int fd : fds) EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC) << "fd " << fd;
+}
+
+TEST_F(LocalSocketTest, SignalsDoNotBreakAWaitingReadOrAccept) {
+  ipctest::ScopedSignal usr1(SIGUSR1, ipctest::CountSignal);
+  LocalSocketServer server;
+  std::string name = Name();
+  ASSERT_TRUE(server.Create(name.c_str()));
+
+  LocalSocket peer;
+  std::string acceptError;
+  std::thread acceptor([&] {
+    try {
+      peer = server.Accept();
+    } catch (const std::exception& e) {
+      acceptError = e.what();
+    }
+  });
+  ipctest::Interrupt(acceptor, 5);
+  LocalSocket client;
+  ASSERT_TRUE(client.Connect(name.c_str()));
+  acceptor.join();
+  EXPECT_EQ(acceptError, "");
+  ASSERT_TRUE(peer.connected());
+
+  char buffer[4] = {};
+  size_t got = 0;
+  std::thread reader([&] { got = client.Read(buffer, sizeof(buffer)); });
+  ipctest::Interrupt(reader, 5);
+  peer.Write("sig!", 4);
+  reader.join();
+  EXPECT_EQ(got, 4u);
+  EXPECT_EQ(std::string(buffer, 4), "sig!");
+  EXPECT_TRUE(client.connected());
+}
+
+TEST_F(LocalSocketTest, EnumListsMatchingEntriesOfTmp) {
+  std::string prefix = Name() + "-";
+  LocalSocketServer a, b;
+  ASSERT_TRUE(a.Create((prefix + "a").c_str()));
+  ASSERT_TRUE(b.Create((prefix + "b").c_str()));
+
+  std::vector<std::string> names = LocalSocket::Enum(prefix.c_str());
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{prefix + "a", prefix + "b"}));
+  EXPECT_EQ(LocalSocket::Enum((prefix + "b").c_str()), std::vector<std::string>{prefix + "b"});
+  EXPECT_TRUE(LocalSocket::Enum((prefix + "c").c_str()).empty());
+  // Case-sensitive, and entries are not filtered: "" yields "." and "..".
+  std::string upper = prefix;
+  std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
+  EXPECT_TRUE(LocalSocket::Enum(upper.c_str()).empty());
+  std::vector<std::string> all = LocalSocket::Enum("");
+  EXPECT_EQ(std::count(all.begin(), all.end(), "."), 1);
+  EXPECT_EQ(std::count(all.begin(), all.end(), ".."), 1);
+  EXPECT_EQ(std::count(all.begin(), all.end(), prefix + "a"), 1);
+}
+
+}  // namespace
