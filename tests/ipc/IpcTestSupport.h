@@ -117,14 +117,15 @@ inline std::atomic<int> g_signals{0};
 inline void CountSignal(int) { g_signals.fetch_add(1); }
 
 // Sends SIGUSR1 to `thread` `count` times, 20 ms apart, so that most arrive
-// while it is blocked. Returns once the handler has run `count` more times.
-inline void Interrupt(std::thread& thread, int count) {
-  int target = g_signals.load() + count;
+// while it is blocked. Returns how many the handler has seen (a thread that has
+// already ended sees none).
+inline int Interrupt(std::thread& thread, int count) {
+  int before = g_signals.load();
   for (int i = 0; i < count; ++i) {
     pthread_kill(thread.native_handle(), SIGUSR1);
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
-  while (g_signals.load() < target) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  return g_signals.load() - before;
 }
 
 }  // namespace ipctest

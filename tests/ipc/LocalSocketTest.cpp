@@ -149,6 +149,7 @@ TEST_F(LocalSocketTest, MovesTransferTheConnectionAndCloseOnlyOnce) {
   // connection: its peer sees the end of the stream.
   two.client = std::move(one.client);
   EXPECT_FALSE(one.client.connected());
+  ASSERT_EQ(NewDescriptors().size(), 5u);  // 2 servers, 2 peers, 1 client
   char byte;
   EXPECT_EQ(two.peer.Read(&byte, 1), 0u);
   EXPECT_TRUE(RoundTrip(two.client, one.peer, "assigned"));
@@ -169,7 +170,7 @@ TEST_F(LocalSocketTest, ConnectOnAConnectedSocketClosesTheOldConnection) {
 
   ASSERT_TRUE(first.client.Connect(secondName.c_str()));
   LocalSocket secondPeer = second.Accept();
-  EXPECT_EQ(NewDescriptors().size(), before + 1);  // only secondPeer is new
+  ASSERT_EQ(NewDescriptors().size(), before + 1);  // only secondPeer is new
   char byte;
   EXPECT_EQ(first.peer.Read(&byte, 1), 0u);  // the old connection was closed
   EXPECT_TRUE(RoundTrip(first.client, secondPeer, "new"));
@@ -245,7 +246,7 @@ TEST_F(LocalSocketTest, SignalsDoNotBreakAWaitingReadOrAccept) {
       acceptError = e.what();
     }
   });
-  ipctest::Interrupt(acceptor, 5);
+  EXPECT_GT(ipctest::Interrupt(acceptor, 5), 0);
   LocalSocket client;
   ASSERT_TRUE(client.Connect(name.c_str()));
   acceptor.join();
@@ -255,7 +256,7 @@ TEST_F(LocalSocketTest, SignalsDoNotBreakAWaitingReadOrAccept) {
   char buffer[4] = {};
   size_t got = 0;
   std::thread reader([&] { got = client.Read(buffer, sizeof(buffer)); });
-  ipctest::Interrupt(reader, 5);
+  EXPECT_GT(ipctest::Interrupt(reader, 5), 0);
   peer.Write("sig!", 4);
   reader.join();
   EXPECT_EQ(got, 4u);
