@@ -183,12 +183,4 @@ TEST_F(CSharedMemoryTest, CreateGivesMode0666WithoutTouchingTheUmask) {
   }
 }
 
-TEST_F(CSharedMemoryTest, DescriptorIsCloseOnExec) {
-  CSharedMemory memory;
-  ASSERT_TRUE(memory.Create(Name().c_str(), 8));
-  std::vector<int> fds = NewDescriptors();
-  ASSERT_EQ(fds.size(), 1u);
-  EXPECT_TRUE(fcntl(fds[0], F_GETFD) & FD_CLOEXEC);
-}
-
 }  // namespace

@@ -1,6 +1,6 @@
 // LocalSocket on real Unix-domain sockets: exact reads, writes that report
 // what was sent, zero-size calls, a peer that has gone, moves, reconnection,
-// the path rule, close-on-exec, signals, and Enum.
+// the path rule, close-on-exec (of segments too), signals, and Enum.
 #include "ipc/LocalSocket.h"
 
 #include <fcntl.h>
@@ -12,6 +12,7 @@
 #include <cstring>
 #include <thread>
 
+#include "ipc/CSharedMemory.h"
 #include "ipc/LocalSocketServer.h"
 #include "tests/ipc/IpcTestSupport.h"
 
@@ -223,11 +224,14 @@ TEST_F(LocalSocketTest, LongNamesAreCutToTheSocketPathField) {
   EXPECT_FALSE(ipctest::PathExists("/tmp/" + base));
 }
 
-TEST_F(LocalSocketTest, DescriptorsAreCloseOnExec) {
+// A child process of the host must not inherit any descriptor of ours.
+TEST_F(LocalSocketTest, AllDescriptorsOfTheModuleAreCloseOnExec) {
   Pair pair;
   Open(pair, Name());
+  CSharedMemory memory;
+  ASSERT_TRUE(memory.Create(Name().c_str(), 8));
   std::vector<int> fds = NewDescriptors();
-  EXPECT_EQ(fds.size(), 3u);  // listening, client, accepted
+  EXPECT_EQ(fds.size(), 4u);  // listening, client, accepted, segment
   for (int fd : fds) EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC) << "fd " << fd;
 }
 
