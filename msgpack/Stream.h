@@ -1,14 +1,12 @@
-// Stream: an abstract byte stream with one read and one write operation.
-// The MessagePack reader and writer work on it; LocalSocket is the stream used
-// on the wire to the movie service.
+// Stream: the byte stream under the MessagePack reader and writer.
 //
-// Contract of an implementation:
-// - Read fills `data` with up to `size` bytes and returns how many it
-//   delivered; callers treat any result other than `size` as failure. A call
-//   with `size` 0 returns 0.
-// - Write sends the `size` bytes at `data` and returns how many were sent; a
-//   result below `size` means the stream failed part-way.
-// Thread use is the implementation's business; a Stream itself holds no state.
+// An abstract source and sink of bytes with one read and one write operation.
+// LocalSocket is the stream used on the wire; MemoryStream serves tests, the
+// fuzz target, benchmarks and the simulator.
+//
+// Ownership: readers and writers hold a Stream* they do not own; the stream
+// must outlive them. Threads: a stream and the reader or writer bound to it are
+// used by one thread at a time; implementations need no locks.
 #pragma once
 
 #include <cstddef>
@@ -16,6 +14,13 @@
 class Stream {
  public:
   virtual ~Stream() {}
+
+  // Fills `data` with up to `size` bytes. Returns the number of bytes
+  // delivered; callers treat any result other than `size` as failure. A call
+  // with `size` 0 returns 0.
   virtual size_t Read(void* data, size_t size) = 0;
+
+  // Sends the `size` bytes at `data`. Returns the number of bytes sent; a
+  // result below `size` means that the stream failed part-way.
   virtual size_t Write(const void* data, size_t size) = 0;
 };
