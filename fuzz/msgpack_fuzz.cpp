@@ -38,7 +38,7 @@ namespace {
 // small enough to keep big announced counts cheap to refuse.
 constexpr int64_t kBaseBudget = int64_t(1) << 20;
 constexpr int64_t kBudgetPerInputByte = 64;
-std::atomic<int64_t> g_live{0};   // bytes handed out by operator new, not yet freed
+std::atomic<int64_t> g_live{0};  // bytes handed out by operator new, not yet freed
 std::atomic<bool> g_enforce{false};
 std::atomic<int64_t> g_limit{0};  // g_live may not exceed this while enforced
 
@@ -120,7 +120,8 @@ void CheckCapacities(const TinyMsgPackObject& value) {
   const TinyMsgPackObject::EType type = value.type();
   if (type != TinyMsgPackObject::Map && type != TinyMsgPackObject::Array) return;
   if (value.capacity() != value.size()) Finding();
-  for (uint32_t i = 0; i < value.size(); ++i) CheckCapacities(type == TinyMsgPackObject::Map ? value.valueAt(i) : value.at(i));
+  for (uint32_t i = 0; i < value.size(); ++i)
+    CheckCapacities(type == TinyMsgPackObject::Map ? value.valueAt(i) : value.at(i));
 }
 
 std::vector<unsigned char> Encode(const TinyMsgPackObject& value) {

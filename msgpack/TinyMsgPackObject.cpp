@@ -244,7 +244,8 @@ int64_t TinyMsgPackObject::negIntegerValue() const {
 int64_t TinyMsgPackObject::integerValue() const {
   if (m_type == NegInteger) return m_value.negInteger;
   if (m_type != PosInteger) throw std::runtime_error("Object type is not an integer, but an integer was expected.");
-  if (m_value.posInteger > uint64_t(INT64_MAX)) throw std::runtime_error("Integer value out of range, expected int64_t.");
+  if (m_value.posInteger > uint64_t(INT64_MAX))
+    throw std::runtime_error("Integer value out of range, expected int64_t.");
   return static_cast<int64_t>(m_value.posInteger);
 }
 
@@ -292,8 +293,7 @@ uint32_t TinyMsgPackObject::capacity() const { return (m_type == Map || m_type =
 void TinyMsgPackObject::Grow() {
   if (m_size < m_capacity) return;
   if (m_capacity == UINT32_MAX) throw std::length_error("Container is full.");
-  const uint32_t capacity =
-      m_capacity == 0 ? 2 : (m_capacity > UINT32_MAX / 2 ? UINT32_MAX : m_capacity * 2);
+  const uint32_t capacity = m_capacity == 0 ? 2 : (m_capacity > UINT32_MAX / 2 ? UINT32_MAX : m_capacity * 2);
   if (m_type == Array) {
     TinyMsgPackObject* block = new TinyMsgPackObject[capacity];
     for (uint32_t i = 0; i < m_size; ++i) block[i].TakeFrom(m_value.array[i]);

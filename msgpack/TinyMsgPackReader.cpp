@@ -48,10 +48,18 @@ bool TinyMsgPackReader::ReadSigned(size_t width) {
   if (!ReadArgument(width, raw)) return false;
   int64_t value;
   switch (width) {
-    case 1: value = static_cast<int8_t>(raw); break;
-    case 2: value = static_cast<int16_t>(raw); break;
-    case 4: value = static_cast<int32_t>(raw); break;
-    default: value = static_cast<int64_t>(raw); break;
+    case 1:
+      value = static_cast<int8_t>(raw);
+      break;
+    case 2:
+      value = static_cast<int16_t>(raw);
+      break;
+    case 4:
+      value = static_cast<int32_t>(raw);
+      break;
+    default:
+      value = static_cast<int64_t>(raw);
+      break;
   }
   m_negInteger = value;
   m_posInteger = static_cast<uint64_t>(value);
@@ -128,27 +136,40 @@ bool TinyMsgPackReader::Read() {
       m_bool = byte == 0xc3;
       m_type = TinyMsgPackObject::Bool;
       return true;
-    case 0xc4: return ReadContainer(TinyMsgPackObject::Blob, 1);
-    case 0xc5: return ReadContainer(TinyMsgPackObject::Blob, 2);
-    case 0xc6: return ReadContainer(TinyMsgPackObject::Blob, 4);
-    case 0xca: return ReadFloatItem(4);
-    case 0xcb: return ReadFloatItem(8);
+    case 0xc4:
+      return ReadContainer(TinyMsgPackObject::Blob, 1);
+    case 0xc5:
+      return ReadContainer(TinyMsgPackObject::Blob, 2);
+    case 0xc6:
+      return ReadContainer(TinyMsgPackObject::Blob, 4);
+    case 0xca:
+      return ReadFloatItem(4);
+    case 0xcb:
+      return ReadFloatItem(8);
     case 0xcc:
     case 0xcd:
     case 0xce:
-    case 0xcf: return ReadUnsigned(size_t(1) << (byte - 0xcc));
+    case 0xcf:
+      return ReadUnsigned(size_t(1) << (byte - 0xcc));
     case 0xd0:
     case 0xd1:
     case 0xd2:
-    case 0xd3: return ReadSigned(size_t(1) << (byte - 0xd0));
+    case 0xd3:
+      return ReadSigned(size_t(1) << (byte - 0xd0));
     case 0xd9:
     case 0xda:
-    case 0xdb: return ReadStringItem(size_t(1) << (byte - 0xd9), 0);
-    case 0xdc: return ReadContainer(TinyMsgPackObject::Array, 2);
-    case 0xdd: return ReadContainer(TinyMsgPackObject::Array, 4);
-    case 0xde: return ReadContainer(TinyMsgPackObject::Map, 2);
-    case 0xdf: return ReadContainer(TinyMsgPackObject::Map, 4);
-    default: return false;  // C1 and the ext family C7-C9, D4-D8
+    case 0xdb:
+      return ReadStringItem(size_t(1) << (byte - 0xd9), 0);
+    case 0xdc:
+      return ReadContainer(TinyMsgPackObject::Array, 2);
+    case 0xdd:
+      return ReadContainer(TinyMsgPackObject::Array, 4);
+    case 0xde:
+      return ReadContainer(TinyMsgPackObject::Map, 2);
+    case 0xdf:
+      return ReadContainer(TinyMsgPackObject::Map, 4);
+    default:
+      return false;  // C1 and the ext family C7-C9, D4-D8
   }
 }
 
@@ -222,11 +243,16 @@ TinyMsgPackObject TinyMsgPackReader::ReadObject() { return ReadObjectAt(0); }
 TinyMsgPackObject TinyMsgPackReader::ReadObjectAt(uint32_t depth) {
   if (!Read()) Fail(kFailedToRead);
   switch (m_type) {
-    case TinyMsgPackObject::Nil: return TinyMsgPackObject::CreateNil();
-    case TinyMsgPackObject::NegInteger: return TinyMsgPackObject::CreateNegInteger(m_negInteger);
-    case TinyMsgPackObject::PosInteger: return TinyMsgPackObject::CreatePosInteger(m_posInteger);
-    case TinyMsgPackObject::Bool: return TinyMsgPackObject::CreateBool(m_bool);
-    case TinyMsgPackObject::Float: return TinyMsgPackObject::CreateFloat(m_float);
+    case TinyMsgPackObject::Nil:
+      return TinyMsgPackObject::CreateNil();
+    case TinyMsgPackObject::NegInteger:
+      return TinyMsgPackObject::CreateNegInteger(m_negInteger);
+    case TinyMsgPackObject::PosInteger:
+      return TinyMsgPackObject::CreatePosInteger(m_posInteger);
+    case TinyMsgPackObject::Bool:
+      return TinyMsgPackObject::CreateBool(m_bool);
+    case TinyMsgPackObject::Float:
+      return TinyMsgPackObject::CreateFloat(m_float);
     case TinyMsgPackObject::String:
       // A text of exactly UINT32_MAX bytes would be measured with strlen (the
       // marker of CreateString); the format cannot announce a longer one.

@@ -136,11 +136,26 @@ void TinyMsgPackWriter::WriteExt(int8_t type, const void* data, uint32_t size) {
   unsigned char header[6];
   size_t used;
   switch (size) {
-    case 1: header[0] = 0xd4; used = 1; break;
-    case 2: header[0] = 0xd5; used = 1; break;
-    case 4: header[0] = 0xd6; used = 1; break;
-    case 8: header[0] = 0xd7; used = 1; break;
-    case 16: header[0] = 0xd8; used = 1; break;
+    case 1:
+      header[0] = 0xd4;
+      used = 1;
+      break;
+    case 2:
+      header[0] = 0xd5;
+      used = 1;
+      break;
+    case 4:
+      header[0] = 0xd6;
+      used = 1;
+      break;
+    case 8:
+      header[0] = 0xd7;
+      used = 1;
+      break;
+    case 16:
+      header[0] = 0xd8;
+      used = 1;
+      break;
     default:
       if (size <= 0xff) {
         header[0] = 0xc7;

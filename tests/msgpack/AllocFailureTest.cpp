@@ -138,8 +138,10 @@ TEST(AllocFailure, FactoriesLeaveNothingBehind) {
   const unsigned char byte = 7;
   const long baseline = g_live;
   const std::function<void()> factories[] = {
-      [] { O::CreateString("abc", 3); }, [&] { O::CreateBlob(&byte, 1); },
-      [] { O::CreateArray(4); },          [] { O::CreateMap(4); },
+      [] { O::CreateString("abc", 3); },
+      [&] { O::CreateBlob(&byte, 1); },
+      [] { O::CreateArray(4); },
+      [] { O::CreateMap(4); },
   };
   for (const auto& make : factories) {
     Arm(0);

@@ -87,20 +87,18 @@ struct ReadCase {
 };
 
 TEST(Codec, ReadObject) {
-  const ReadCase cases[] = {
-      {"81 a3616374 a465786563", "{s:616374:s:65786563}"},
-      {"82 a3616374 01 a3616374 02", "{s:616374:+1,s:616374:+2}"},
-      {"81 a3610062 01", "{s:61:+1}"},  // keys are zero-terminated: cut at the zero byte
-      {"dd00000000", "[]"},
-      {"c402aabb", "b:aabb"},
-      {"92 90 80", "[[],{}]"},
-      {"81 01 02", "runtime_error: Expected string."},
-      {"92 01", "runtime_error: Failed to read."},
-      {"81 a161", "runtime_error: Failed to read."},
-      {"c403 0102", "runtime_error: Failed to read."},
-      {"91 d4 01 00", "runtime_error: Failed to read."},
-      {"", "runtime_error: Failed to read."},
-  };
+  const ReadCase cases[] = {{"81 a3616374 a465786563", "{s:616374:s:65786563}"},
+                            {"82 a3616374 01 a3616374 02", "{s:616374:+1,s:616374:+2}"},
+                            {"81 a3610062 01", "{s:61:+1}"},  // keys are zero-terminated: cut at the zero byte
+                            {"dd00000000", "[]"},
+                            {"c402aabb", "b:aabb"},
+                            {"92 90 80", "[[],{}]"},
+                            {"81 01 02", "runtime_error: Expected string."},
+                            {"92 01", "runtime_error: Failed to read."},
+                            {"81 a161", "runtime_error: Failed to read."},
+                            {"c403 0102", "runtime_error: Failed to read."},
+                            {"91 d4 01 00", "runtime_error: Failed to read."},
+                            {"", "runtime_error: Failed to read."}};
   for (const ReadCase& c : cases) {
     std::string rendered;
     const std::string thrown = Thrown([&] { rendered = Render(Decode(c.hex)); });

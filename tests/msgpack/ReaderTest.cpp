@@ -18,8 +18,10 @@ namespace {
 std::string Current(const TinyMsgPackReader& r) {
   char text[96];
   switch (r.type()) {
-    case TinyMsgPackObject::Nil: return "nil";
-    case TinyMsgPackObject::Bool: return r.boolValue() ? "true" : "false";
+    case TinyMsgPackObject::Nil:
+      return "nil";
+    case TinyMsgPackObject::Bool:
+      return r.boolValue() ? "true" : "false";
     case TinyMsgPackObject::PosInteger:
     case TinyMsgPackObject::NegInteger:
       std::snprintf(text, sizeof text, "%s:%" PRIu64 "/%" PRId64,
@@ -29,10 +31,14 @@ std::string Current(const TinyMsgPackReader& r) {
     case TinyMsgPackObject::Float:
       std::snprintf(text, sizeof text, "f:%.17g", r.floatValue());
       return text;
-    case TinyMsgPackObject::String: return "s:" + r.stringValue();
-    case TinyMsgPackObject::Blob: return "blob:" + std::to_string(r.count());
-    case TinyMsgPackObject::Map: return "map:" + std::to_string(r.count());
-    case TinyMsgPackObject::Array: return "array:" + std::to_string(r.count());
+    case TinyMsgPackObject::String:
+      return "s:" + r.stringValue();
+    case TinyMsgPackObject::Blob:
+      return "blob:" + std::to_string(r.count());
+    case TinyMsgPackObject::Map:
+      return "map:" + std::to_string(r.count());
+    case TinyMsgPackObject::Array:
+      return "array:" + std::to_string(r.count());
   }
   return "?";
 }
@@ -43,63 +49,27 @@ struct ItemCase {
   size_t left = 0;  // bytes that Read() leaves in the stream (blob payloads)
 };
 
-const std::string k31 = std::string(31, 'x');
-const std::string k32 = std::string(32, 'y');
-
+// Integer, container-count and string boundaries of both signs are also
+// covered by the community vectors (SuiteTest); these add the reader's own
+// fields: both integer readings, counts without elements, blob payloads left.
 TEST(Reader, TypeByteTable) {
-  const std::string hex31 = msgpacktest::ToHex(k31.data(), 31), hex32 = msgpacktest::ToHex(k32.data(), 32);
+  // clang-format off
   const ItemCase cases[] = {
-      {"00", "pos:0/0"},
-      {"7f", "pos:127/127"},
-      {"cc00", "pos:0/0"},
-      {"ccff", "pos:255/255"},
-      {"cdffff", "pos:65535/65535"},
-      {"ceffffffff", "pos:4294967295/4294967295"},
-      {"cf7fffffffffffffff", "pos:9223372036854775807/9223372036854775807"},
+      {"00", "pos:0/0"}, {"7f", "pos:127/127"}, {"cc80", "pos:128/128"},
       {"cf8000000000000000", "pos:9223372036854775808/-9223372036854775808"},
       {"cfffffffffffffffff", "pos:18446744073709551615/-1"},
-      {"d000", "pos:0/0"},
-      {"d005", "pos:5/5"},
-      {"d07f", "pos:127/127"},
-      {"d080", "neg:18446744073709551488/-128"},
-      {"d0ff", "neg:18446744073709551615/-1"},
-      {"d17fff", "pos:32767/32767"},
-      {"d18000", "neg:18446744073709518848/-32768"},
-      {"d27fffffff", "pos:2147483647/2147483647"},
-      {"d280000000", "neg:18446744071562067968/-2147483648"},
-      {"d30000000000000005", "pos:5/5"},
-      {"d38000000000000000", "neg:9223372036854775808/-9223372036854775808"},
-      {"e0", "neg:18446744073709551584/-32"},
-      {"ff", "neg:18446744073709551615/-1"},
-      {"80", "map:0"},
-      {"8f", "map:15"},
-      {"de0010", "map:16"},
-      {"df00010000", "map:65536"},
-      {"dfffffffff", "map:4294967295"},
-      {"90", "array:0"},
-      {"93", "array:3"},
-      {"9f", "array:15"},
-      {"dc0010", "array:16"},
-      {"ddffffffff", "array:4294967295"},
-      {"a0", "s:"},
-      {"a3616263", "s:abc"},
-      {"bf" + hex31, "s:" + k31},
-      {"d900", "s:"},
-      {"d920" + hex32, "s:" + k32},
-      {"da000161", "s:a"},
-      {"db0000000161", "s:a"},
-      {"c0", "nil"},
-      {"c2", "false"},
-      {"c3", "true"},
-      {"c400", "blob:0"},
-      {"c403010203", "blob:3", 3},
-      {"c5000201ff", "blob:2", 2},
-      {"c60000000100", "blob:1", 1},
-      {"ca3f800000", "f:1"},
-      {"cabf000000", "f:-0.5"},
-      {"cb3ff0000000000000", "f:1"},
-      {"cbc004000000000000", "f:-2.5"},
-  };
+      {"d000", "pos:0/0"}, {"d005", "pos:5/5"}, {"d07f", "pos:127/127"},
+      {"d080", "neg:18446744073709551488/-128"}, {"d0ff", "neg:18446744073709551615/-1"},
+      {"d17fff", "pos:32767/32767"}, {"d18000", "neg:18446744073709518848/-32768"},
+      {"d27fffffff", "pos:2147483647/2147483647"}, {"d280000000", "neg:18446744071562067968/-2147483648"},
+      {"d30000000000000005", "pos:5/5"}, {"d38000000000000000", "neg:9223372036854775808/-9223372036854775808"},
+      {"e0", "neg:18446744073709551584/-32"}, {"ff", "neg:18446744073709551615/-1"},
+      {"80", "map:0"}, {"8f", "map:15"}, {"de0010", "map:16"}, {"df00010000", "map:65536"},
+      {"dfffffffff", "map:4294967295"}, {"93", "array:3"}, {"9f", "array:15"}, {"dc0010", "array:16"},
+      {"ddffffffff", "array:4294967295"}, {"a0", "s:"}, {"d900", "s:"}, {"db0000000161", "s:a"},
+      {"c0", "nil"}, {"c2", "false"}, {"c3", "true"}, {"ca3f800000", "f:1"}, {"cbc004000000000000", "f:-2.5"},
+      {"c400", "blob:0"}, {"c403010203", "blob:3", 3}, {"c5000201ff", "blob:2", 2}, {"c60000000100", "blob:1", 1}};
+  // clang-format on
   for (const ItemCase& c : cases) {
     RecordingStream stream(Hex(c.hex));
     TinyMsgPackReader reader(&stream);
@@ -137,10 +107,17 @@ TEST(Reader, RefusedTypeBytes) {
 // Every proper prefix of an item fails, and the type stays that of the item
 // before: m_type is set only once the whole item has been read.
 TEST(Reader, ShortStreamsFailAndKeepThePreviousType) {
-  const char* items[] = {"cc80",       "cd0100",     "ce00010000", "cf0000000100000000", "d0df",
-                         "d1ff7f",     "d2ffff7fff", "d3ffffffff7fffffff", "ca3f800000",  "cb3ff0000000000000",
-                         "a3616263",   "d903616263", "da0003616263", "db00000003616263", "c403",
-                         "c50003",     "c600000003", "dc0010",     "dd00010000", "de0010", "df00010000"};
+  const char* items[] = {"cc80",         "cd0100",
+                         "ce00010000",   "cf0000000100000000",
+                         "d0df",         "d1ff7f",
+                         "d2ffff7fff",   "d3ffffffff7fffffff",
+                         "ca3f800000",   "cb3ff0000000000000",
+                         "a3616263",     "d903616263",
+                         "da0003616263", "db00000003616263",
+                         "c403",         "c50003",
+                         "c600000003",   "dc0010",
+                         "dd00010000",   "de0010",
+                         "df00010000"};
   for (const char* item : items) {
     const msgpacktest::Bytes full = Hex(item);
     for (size_t cut = 0; cut < full.size(); ++cut) {
@@ -164,10 +141,18 @@ struct ReadCallCase {
 // string's text (none for an empty one); blob payloads are not touched.
 TEST(Reader, OneStreamReadPerArgument) {
   const ReadCallCase cases[] = {
-      {"05", {1}},           {"cd0100", {1, 2}},           {"d3ffffffff7fffffff", {1, 8}},
-      {"ca3f800000", {1, 4}}, {"a0", {1}},                 {"a3616263", {1, 3}},
-      {"d900", {1, 1}},       {"da0003616263", {1, 2, 3}}, {"db00000003616263", {1, 4, 3}},
-      {"c403010203", {1, 1}}, {"dd00010000", {1, 4}},      {"df00010000", {1, 4}},
+      {"05", {1}},
+      {"cd0100", {1, 2}},
+      {"d3ffffffff7fffffff", {1, 8}},
+      {"ca3f800000", {1, 4}},
+      {"a0", {1}},
+      {"a3616263", {1, 3}},
+      {"d900", {1, 1}},
+      {"da0003616263", {1, 2, 3}},
+      {"db00000003616263", {1, 4, 3}},
+      {"c403010203", {1, 1}},
+      {"dd00010000", {1, 4}},
+      {"df00010000", {1, 4}},
   };
   for (const ReadCallCase& c : cases) {
     RecordingStream stream(Hex(c.hex));

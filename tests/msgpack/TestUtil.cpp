@@ -48,8 +48,10 @@ size_t RecordingStream::Write(const void* data, size_t size) {
 std::string Render(const TinyMsgPackObject& value) {
   char text[64];
   switch (value.type()) {
-    case TinyMsgPackObject::Nil: return "nil";
-    case TinyMsgPackObject::Bool: return value.boolValue() ? "true" : "false";
+    case TinyMsgPackObject::Nil:
+      return "nil";
+    case TinyMsgPackObject::Bool:
+      return value.boolValue() ? "true" : "false";
     case TinyMsgPackObject::PosInteger:
       std::snprintf(text, sizeof text, "+%" PRIu64, value.posIntegerValue());
       return text;
@@ -60,8 +62,10 @@ std::string Render(const TinyMsgPackObject& value) {
     case TinyMsgPackObject::Float:
       std::snprintf(text, sizeof text, "f:%.17g", value.floatValue());
       return text;
-    case TinyMsgPackObject::String: return "s:" + ToHex(value.stringValue(), value.size());
-    case TinyMsgPackObject::Blob: return "b:" + ToHex(value.blobData(), value.size());
+    case TinyMsgPackObject::String:
+      return "s:" + ToHex(value.stringValue(), value.size());
+    case TinyMsgPackObject::Blob:
+      return "b:" + ToHex(value.blobData(), value.size());
     case TinyMsgPackObject::Array: {
       std::string out = "[";
       for (uint32_t i = 0; i < value.size(); ++i) out += (i ? "," : "") + Render(value.at(i));
@@ -70,8 +74,7 @@ std::string Render(const TinyMsgPackObject& value) {
     case TinyMsgPackObject::Map: {
       std::string out = "{";
       for (uint32_t i = 0; i < value.size(); ++i)
-        out += (i ? ",s:" : "s:") + ToHex(value.keyAt(i), std::strlen(value.keyAt(i))) + ":" +
-               Render(value.valueAt(i));
+        out += (i ? ",s:" : "s:") + ToHex(value.keyAt(i), std::strlen(value.keyAt(i))) + ":" + Render(value.valueAt(i));
       return out + "}";
     }
   }

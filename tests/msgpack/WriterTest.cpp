@@ -20,60 +20,52 @@ Calls Record(const std::function<void(TinyMsgPackWriter&)>& write) {
   return stream.writes;
 }
 
-struct ScalarCase {
-  std::function<void(TinyMsgPackWriter&)> write;
-  std::string bytes;  // the single Write call
-};
+template <class T, class Write>
+void ExpectForms(std::initializer_list<std::pair<T, const char*>> cases, Write write) {
+  for (const auto& c : cases)
+    EXPECT_EQ(Record([&](TinyMsgPackWriter& w) { write(w, c.first); }), Calls{c.second}) << c.second;
+}
 
+// Each value is one Write call of the smallest form.
 TEST(Writer, ScalarFormsAtEveryBoundary) {
   using W = TinyMsgPackWriter&;
-  const ScalarCase cases[] = {
-      {[](W w) { w.WriteNil(); }, "c0"},
-      {[](W w) { w.WriteBool(false); }, "c2"},
-      {[](W w) { w.WriteBool(true); }, "c3"},
-      {[](W w) { w.WritePosInteger(0); }, "00"},
-      {[](W w) { w.WritePosInteger(127); }, "7f"},
-      {[](W w) { w.WritePosInteger(128); }, "cc80"},
-      {[](W w) { w.WritePosInteger(255); }, "ccff"},
-      {[](W w) { w.WritePosInteger(256); }, "cd0100"},
-      {[](W w) { w.WritePosInteger(65535); }, "cdffff"},
-      {[](W w) { w.WritePosInteger(65536); }, "ce00010000"},
-      {[](W w) { w.WritePosInteger(4294967295u); }, "ceffffffff"},
-      {[](W w) { w.WritePosInteger(4294967296u); }, "cf0000000100000000"},
-      {[](W w) { w.WritePosInteger(UINT64_MAX); }, "cfffffffffffffffff"},
-      {[](W w) { w.WriteNegInteger(0); }, "00"},
-      {[](W w) { w.WriteNegInteger(127); }, "7f"},
-      {[](W w) { w.WriteNegInteger(200); }, "ccc8"},
-      {[](W w) { w.WriteNegInteger(65536); }, "ce00010000"},
-      {[](W w) { w.WriteNegInteger(INT64_MAX); }, "cf7fffffffffffffff"},
-      {[](W w) { w.WriteNegInteger(-1); }, "ff"},
-      {[](W w) { w.WriteNegInteger(-32); }, "e0"},
-      {[](W w) { w.WriteNegInteger(-33); }, "d0df"},
-      {[](W w) { w.WriteNegInteger(-128); }, "d080"},
-      {[](W w) { w.WriteNegInteger(-129); }, "d1ff7f"},
-      {[](W w) { w.WriteNegInteger(-32768); }, "d18000"},
-      {[](W w) { w.WriteNegInteger(-32769); }, "d2ffff7fff"},
-      {[](W w) { w.WriteNegInteger(INT32_MIN); }, "d280000000"},
-      {[](W w) { w.WriteNegInteger(int64_t(INT32_MIN) - 1); }, "d3ffffffff7fffffff"},
-      {[](W w) { w.WriteNegInteger(INT64_MIN); }, "d38000000000000000"},
-      {[](W w) { w.WriteFloat(1.0f); }, "ca3f800000"},
-      {[](W w) { w.WriteFloat(-2.5f); }, "cac0200000"},
-      {[](W w) { w.WriteDouble(1.0); }, "cb3ff0000000000000"},
-      {[](W w) { w.WriteDouble(-2.5); }, "cbc004000000000000"},
-      {[](W w) { w.StartArray(0); }, "90"},
-      {[](W w) { w.StartArray(15); }, "9f"},
-      {[](W w) { w.StartArray(16); }, "dc0010"},
-      {[](W w) { w.StartArray(65535); }, "dcffff"},
-      {[](W w) { w.StartArray(65536); }, "dd00010000"},
-      {[](W w) { w.StartArray(UINT32_MAX); }, "ddffffffff"},
-      {[](W w) { w.StartMap(0); }, "80"},
-      {[](W w) { w.StartMap(15); }, "8f"},
-      {[](W w) { w.StartMap(16); }, "de0010"},
-      {[](W w) { w.StartMap(65535); }, "deffff"},
-      {[](W w) { w.StartMap(65536); }, "df00010000"},
-      {[](W w) { w.StartMap(UINT32_MAX); }, "dfffffffff"},
-  };
-  for (size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(Record(cases[i].write), Calls{cases[i].bytes}) << "case " << i;
+  ExpectForms<uint64_t>({{0, "00"},
+                         {127, "7f"},
+                         {128, "cc80"},
+                         {255, "ccff"},
+                         {256, "cd0100"},
+                         {65535, "cdffff"},
+                         {65536, "ce00010000"},
+                         {4294967295u, "ceffffffff"},
+                         {4294967296u, "cf0000000100000000"},
+                         {UINT64_MAX, "cfffffffffffffffff"}},
+                        [](W w, uint64_t v) { w.WritePosInteger(v); });
+  ExpectForms<int64_t>({{0, "00"},
+                        {127, "7f"},
+                        {200, "ccc8"},
+                        {65536, "ce00010000"},
+                        {INT64_MAX, "cf7fffffffffffffff"},
+                        {-1, "ff"},
+                        {-32, "e0"},
+                        {-33, "d0df"},
+                        {-128, "d080"},
+                        {-129, "d1ff7f"},
+                        {-32768, "d18000"},
+                        {-32769, "d2ffff7fff"},
+                        {INT32_MIN, "d280000000"},
+                        {int64_t(INT32_MIN) - 1, "d3ffffffff7fffffff"},
+                        {INT64_MIN, "d38000000000000000"}},
+                       [](W w, int64_t v) { w.WriteNegInteger(v); });
+  ExpectForms<uint32_t>(
+      {{0, "90"}, {15, "9f"}, {16, "dc0010"}, {65535, "dcffff"}, {65536, "dd00010000"}, {UINT32_MAX, "ddffffffff"}},
+      [](W w, uint32_t v) { w.StartArray(v); });
+  ExpectForms<uint32_t>(
+      {{0, "80"}, {15, "8f"}, {16, "de0010"}, {65535, "deffff"}, {65536, "df00010000"}, {UINT32_MAX, "dfffffffff"}},
+      [](W w, uint32_t v) { w.StartMap(v); });
+  ExpectForms<int>({{0, "c0"}, {1, "c2"}, {2, "c3"}}, [](W w, int v) { v ? w.WriteBool(v == 2) : w.WriteNil(); });
+  ExpectForms<float>({{1.0f, "ca3f800000"}, {-2.5f, "cac0200000"}}, [](W w, float v) { w.WriteFloat(v); });
+  ExpectForms<double>({{1.0, "cb3ff0000000000000"}, {-2.5, "cbc004000000000000"}},
+                      [](W w, double v) { w.WriteDouble(v); });
 }
 
 enum class Kind { String, Blob, Ext };
@@ -88,19 +80,19 @@ struct PayloadCase {
 // Header in one call, then the payload in a call of its own, even when empty.
 TEST(Writer, PayloadHeadersAtEveryBoundary) {
   const PayloadCase cases[] = {
-      {Kind::String, 0, 0, "a0"},          {Kind::String, 1, 0, "a1"},
-      {Kind::String, 31, 0, "bf"},         {Kind::String, 32, 0, "d920"},
-      {Kind::String, 255, 0, "d9ff"},      {Kind::String, 256, 0, "da0100"},
-      {Kind::String, 65535, 0, "daffff"},  {Kind::String, 65536, 0, "db00010000"},
-      {Kind::Blob, 0, 0, "c400"},          {Kind::Blob, 1, 0, "c401"},
-      {Kind::Blob, 255, 0, "c4ff"},        {Kind::Blob, 256, 0, "c50100"},
-      {Kind::Blob, 65535, 0, "c5ffff"},    {Kind::Blob, 65536, 0, "c600010000"},
-      {Kind::Ext, 0, 1, "c70001"},         {Kind::Ext, 1, 1, "d401"},
-      {Kind::Ext, 2, 2, "d502"},           {Kind::Ext, 3, -1, "c703ff"},
-      {Kind::Ext, 4, 4, "d604"},           {Kind::Ext, 8, 8, "d708"},
-      {Kind::Ext, 16, 5, "d805"},          {Kind::Ext, 17, -128, "c71180"},
-      {Kind::Ext, 255, 0, "c7ff00"},       {Kind::Ext, 256, 127, "c801007f"},
-      {Kind::Ext, 65535, 3, "c8ffff03"},   {Kind::Ext, 65536, 3, "c90001000003"},
+      {Kind::String, 0, 0, "a0"},         {Kind::String, 1, 0, "a1"},
+      {Kind::String, 31, 0, "bf"},        {Kind::String, 32, 0, "d920"},
+      {Kind::String, 255, 0, "d9ff"},     {Kind::String, 256, 0, "da0100"},
+      {Kind::String, 65535, 0, "daffff"}, {Kind::String, 65536, 0, "db00010000"},
+      {Kind::Blob, 0, 0, "c400"},         {Kind::Blob, 1, 0, "c401"},
+      {Kind::Blob, 255, 0, "c4ff"},       {Kind::Blob, 256, 0, "c50100"},
+      {Kind::Blob, 65535, 0, "c5ffff"},   {Kind::Blob, 65536, 0, "c600010000"},
+      {Kind::Ext, 0, 1, "c70001"},        {Kind::Ext, 1, 1, "d401"},
+      {Kind::Ext, 2, 2, "d502"},          {Kind::Ext, 3, -1, "c703ff"},
+      {Kind::Ext, 4, 4, "d604"},          {Kind::Ext, 8, 8, "d708"},
+      {Kind::Ext, 16, 5, "d805"},         {Kind::Ext, 17, -128, "c71180"},
+      {Kind::Ext, 255, 0, "c7ff00"},      {Kind::Ext, 256, 127, "c801007f"},
+      {Kind::Ext, 65535, 3, "c8ffff03"},  {Kind::Ext, 65536, 3, "c90001000003"},
   };
   for (const PayloadCase& c : cases) {
     std::string payload(c.size, 'x');
