@@ -21,11 +21,13 @@ void Free(void* block) { std::free(block); }
 void ThrowBadAllocException() { throw CBadAllocException(); }
 
 void ThrowOutOfRangeException(const char* format, ...) {
-  char buffer[512];
-  va_list args;
-  va_start(args, format);
-  std::vsnprintf(buffer, sizeof buffer, format ? format : "", args);
-  va_end(args);
+  char buffer[512] = "";
+  if (format) {
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(buffer, sizeof buffer, format, args);
+    va_end(args);
+  }
   throw COutOfRangeException(buffer);
 }
 
