@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <zeb/CLocalFileSystem.h>
@@ -203,6 +204,23 @@ TEST(ImagerFileFactoryTest, RegistersFindsCreatesAndDestroys) {
   ASSERT_EQ(names.size(), 2u);
   EXPECT_STREQ(names[0].c_str(), "Raw Imager File");
   EXPECT_TRUE(factory->Unregister("Test Imager File"));
+}
+
+TEST(ImagerFileFactoryTest, ConcurrentRegistrationKeepsEveryType) {
+  zeb::file::CImagerFileFactory factory;  // starts with the raw type
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&factory, t] {
+      for (int i = 0; i < 50; ++i) {
+        const CString name = CString::FromFormat("Type %d.%d", t, i);
+        factory.Register<CTestImagerFile>(name, nullptr, nullptr, nullptr, nullptr, nullptr);
+        zeb::file::CImagerFileFactory::CType type;
+        EXPECT_TRUE(factory.FindType(name, type));
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(factory.GetTypeNames().size(), 201u);
 }
 
 }  // namespace
