@@ -58,6 +58,10 @@ class LocalSocket : public Stream {
   void Disconnect();
   // True while a descriptor is held.
   bool connected() const { return m_fd != -1; }
+  // The descriptor (-1 when not connected), still owned by this socket. A
+  // server uses it to shut a connection down from another thread, which wakes
+  // a thread blocked in receiving or sending on it.
+  int fd() const { return m_fd; }
 
   // Bare names of the entries of /tmp that begin with `prefix` (exact,
   // case-sensitive), in the order the directory yields them; entries are not
