@@ -1,0 +1,37 @@
+// UniqueFd: owns one file descriptor and closes it on destruction.
+//
+// -1 means no descriptor. Movable, not copyable. One thread at a time.
+#pragma once
+
+#include <unistd.h>
+
+#include <utility>
+
+namespace zebtrksvc {
+
+class UniqueFd {
+ public:
+  UniqueFd() = default;
+  explicit UniqueFd(int fd) : m_fd(fd) {}
+  UniqueFd(UniqueFd&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
+  UniqueFd& operator=(UniqueFd&& other) noexcept {
+    if (this != &other) reset(std::exchange(other.m_fd, -1));
+    return *this;
+  }
+  UniqueFd(const UniqueFd&) = delete;
+  UniqueFd& operator=(const UniqueFd&) = delete;
+  ~UniqueFd() { reset(); }
+
+  int get() const { return m_fd; }
+  bool valid() const { return m_fd != -1; }
+  // Closes the descriptor held (if any) and takes `fd`.
+  void reset(int fd = -1) {
+    if (m_fd != -1) close(m_fd);
+    m_fd = fd;
+  }
+
+ private:
+  int m_fd = -1;
+};
+
+}  // namespace zebtrksvc
