@@ -3,7 +3,8 @@
 //
 // bench/run generates one movie per size with ZEBTRK_BENCH_MOVIE_FRAMES frames
 // (the same default as here when it is unset) and tells the programs the
-// simulator's process id in ZEBTRK_BENCH_SERVICE_PID.
+// simulator's process id in ZEBTRK_BENCH_SERVICE_PID and the number of movies
+// on a listing drive in ZEBTRK_BENCH_MOVIES.
 #pragma once
 
 #include <cstddef>
@@ -27,6 +28,14 @@ inline size_t MovieFrames() {
   const char* text = std::getenv("ZEBTRK_BENCH_MOVIE_FRAMES");
   long n = text != nullptr ? std::atol(text) : 0;
   return n > 0 ? size_t(n) : 64;
+}
+
+// ZEBTRK_BENCH_ITERATIONS: a fixed iteration count for the plug-in's frame
+// reads (bench/run --syscalls traces exactly that many); 0 when unset.
+inline long FixedIterations() {
+  const char* text = std::getenv("ZEBTRK_BENCH_ITERATIONS");
+  long n = text != nullptr ? std::atol(text) : 0;
+  return n > 0 ? n : 0;
 }
 
 }  // namespace bench

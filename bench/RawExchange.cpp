@@ -44,6 +44,18 @@ bool SendPieces(int fd, const std::vector<unsigned char>& bytes, const std::vect
   return true;
 }
 
+// recv into a buffer of `buffer` bytes, each call taking what has arrived,
+// until `total` bytes are in: the simulator's way of reading a request.
+bool RecvBuffered(int fd, unsigned char* into, size_t buffer, size_t total) {
+  for (size_t got = 0; got < total;) {
+    ssize_t n = recv(fd, into, buffer, 0);
+    if (n == -1 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    got += size_t(n);
+  }
+  return true;
+}
+
 bool RecvPieces(int fd, unsigned char* into, const std::vector<size_t>& pieces) {
   size_t offset = 0;
   for (size_t piece : pieces) {
@@ -58,8 +70,12 @@ bool RecvPieces(int fd, unsigned char* into, const std::vector<size_t>& pieces) 
 bool RawExchange::Start(const WirePattern& pattern, size_t frameSize, size_t frames) {
   Stop();
   m_pattern = pattern;
-  m_buffer.assign(std::max(pattern.request.size(), pattern.response.size()), 0);
+  m_buffer.assign(std::max({pattern.request.size(), pattern.response.size(), pattern.serverBuffer}), 0);
   if (frameSize != 0 && !m_segment.CreateRandom("zebtrk-bench-", frameSize)) return false;
+  // The source is made and touched before the fork, so that the child needs
+  // no allocation (this process may have other threads) and page faults do
+  // not count; the simulator's movie file sits in the page cache the same way.
+  m_source.assign(frameSize * frames, 0x5A);
   int fds[2];
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) return false;
   m_child = fork();
@@ -78,13 +94,13 @@ bool RawExchange::Start(const WirePattern& pattern, size_t frameSize, size_t fra
 }
 
 void RawExchange::Serve(int fd, size_t frameSize, size_t frames) {
-  // The source is touched before the first request so that page faults do not
-  // count; the simulator's movie file is in the page cache the same way.
-  std::vector<unsigned char> source(frameSize * frames, 0x5A);
   unsigned char* segment = static_cast<unsigned char*>(m_segment.data());
   for (size_t next = 0;; next = frames != 0 ? (next + 1) % frames : 0) {
-    if (!RecvPieces(fd, m_buffer.data(), m_pattern.serverRecvs)) break;
-    if (frameSize != 0) std::memcpy(segment, source.data() + next * frameSize, frameSize);
+    bool received = m_pattern.serverBuffer != 0
+                        ? RecvBuffered(fd, m_buffer.data(), m_pattern.serverBuffer, m_pattern.request.size())
+                        : RecvPieces(fd, m_buffer.data(), m_pattern.serverRecvs);
+    if (!received) break;
+    if (frameSize != 0) std::memcpy(segment, m_source.data() + next * frameSize, frameSize);
     if (!SendPieces(fd, m_pattern.response, m_pattern.serverSends)) break;
   }
   _exit(0);  // no destructors: the parent owns the segment
@@ -108,4 +124,6 @@ void RawExchange::Stop() {
     m_child = -1;
   }
   m_segment.Close();
+  m_source.clear();
+  m_source.shrink_to_fit();
 }

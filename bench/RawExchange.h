@@ -40,6 +40,7 @@ class RawExchange {
   WirePattern m_pattern;
   CSharedMemory m_segment;
   std::vector<unsigned char> m_buffer;
+  std::vector<unsigned char> m_source;  // the movie the server copies from
   int m_fd = -1;
   pid_t m_child = -1;
 };

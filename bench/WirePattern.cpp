@@ -40,6 +40,9 @@ class RecordingStream : public Stream {
   size_t m_position = 0;
 };
 
+// The simulator's receive buffer (tools/zebtrksvc/SocketInput.h).
+constexpr size_t kSimulatorReceiveBuffer = 4096;
+
 // The sizes of the reads that ReadObject makes to decode `bytes`.
 std::vector<size_t> ReadPieces(const WirePattern::Bytes& bytes) {
   RecordingStream in(&bytes);
@@ -57,7 +60,7 @@ WirePattern WirePattern::ForExchange(const std::function<void(TinyMsgPackWriter&
   WirePattern p;
   p.request = out.written;
   p.clientSends = out.calls;
-  p.serverRecvs = ReadPieces(p.request);
+  p.serverBuffer = kSimulatorReceiveBuffer;
   p.response = response;
   p.serverSends = {response.size()};
   p.clientRecvs = ReadPieces(response);
@@ -97,9 +100,7 @@ void WirePattern::WriteReadFrameRequest(TinyMsgPackWriter& w, unsigned fileId, u
 WirePattern::Bytes WirePattern::DetectDriveResponse() {
   MemoryStream out;
   TinyMsgPackWriter w(&out);
-  w.StartMap(2);
-  w.WriteString("error", size_t(-1));
-  w.WriteNil();
+  w.StartMap(1);
   w.WriteString("result", size_t(-1));
   w.StartMap(1);
   w.WriteString("detected", size_t(-1));
@@ -110,9 +111,7 @@ WirePattern::Bytes WirePattern::DetectDriveResponse() {
 WirePattern::Bytes WirePattern::EmptyResultResponse() {
   MemoryStream out;
   TinyMsgPackWriter w(&out);
-  w.StartMap(2);
-  w.WriteString("error", size_t(-1));
-  w.WriteNil();
+  w.StartMap(1);
   w.WriteString("result", size_t(-1));
   w.StartMap(0);
   return out.bytes();
