@@ -1,0 +1,67 @@
+// Commands: the zebtrk commands (status, ls, info, export, rm, watch), their
+// help texts and the way they reach the plug-in.
+//
+// Every command but `help` loads the plug-in (PluginLoader), checks in
+// normal mode that the movie service answers (ServiceProbe) and, for the
+// commands that need movies, that a drive is present, before it touches the
+// "trk:" file system. Errors end the command with a CliError, which Run
+// prints as "zebtrk: <message>" on the error stream and turns into the exit
+// code (see Usage()).
+//
+// Ownership: owns the plug-in while a command runs; every object obtained
+// from the plug-in is released before it is unloaded. Output goes to the two
+// streams given, which the object borrows. One thread (the plug-in calls its
+// handlers on its own threads; see ChangeWatcher).
+#pragma once
+
+#include <iosfwd>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <zeb/IFileSystem.h>
+
+#include "tools/zebtrk/MovieCatalog.h"
+
+class ArgumentList;
+class PluginLoader;
+
+class Commands {
+ public:
+  Commands(std::ostream& out, std::ostream& err);
+  ~Commands();
+  Commands(const Commands&) = delete;
+  Commands& operator=(const Commands&) = delete;
+
+  // Runs the command line `args` (without the program name) and returns the
+  // exit code.
+  int Run(const std::vector<std::string>& args);
+
+  // The general help text (commands, frame ranges, environment, exit codes).
+  static std::string Usage();
+
+ private:
+  int Status(const std::vector<std::string>& args);
+  int List(const std::vector<std::string>& args);
+  int Info(const std::vector<std::string>& args);
+  int Export(const std::vector<std::string>& args);
+  int Remove(const std::vector<std::string>& args);
+  int Watch(const std::vector<std::string>& args);
+
+  // Loads the plug-in, checks the service (normal mode), builds the file
+  // system and, with `requireDrive`, checks for a drive. CliError on failure.
+  void Connect(bool requireDrive);
+  // Prints a movie list with a heading (watch, rm).
+  void PrintList(const std::string& heading, const std::vector<Movie>& movies);
+  // "removed A, B; added C" between two lists; empty when the names agree.
+  static std::string Difference(const std::vector<Movie>& before, const std::vector<Movie>& after);
+  // True when ZEBTRK_ENABLE_EMULATOR holds a non-empty value.
+  static bool EmulatorMode();
+  // The plug-in's cache directory ($HOME/.cache/Ostrel Systems/TRK).
+  static std::string CacheDir();
+
+  std::ostream& m_out;
+  std::ostream& m_err;
+  std::unique_ptr<PluginLoader> m_plugin;
+  zeb::IFileSystem* m_fileSystem = nullptr;
+};

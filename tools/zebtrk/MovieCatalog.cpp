@@ -1,0 +1,105 @@
+#include "tools/zebtrk/MovieCatalog.h"
+
+#include <zeb/Numbers.h>
+#include <zeb/Path.h>
+
+#include "tools/zebtrk/CliError.h"
+#include "tools/zebtrk/NameMatcher.h"
+
+namespace {
+
+bool AllDigits(const std::string& text) {
+  if (text.empty()) return false;
+  for (char c : text) {
+    if (c < '0' || c > '9') return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+std::string Movie::ownName() const {
+  const size_t dash = name.find('-');
+  return dash == std::string::npos ? name : name.substr(dash + 1);
+}
+
+Movie MovieCatalog::FromEntry(const zeb::IFileSystem::CDirectoryEntry& entry) {
+  Movie movie;
+  movie.name = entry.name.c_str();
+  movie.path = entry.path.c_str();
+  movie.size = entry.size;
+  movie.timeTicks = entry.time.ticks();
+  const zeb::CPropertyArray& p = entry.properties;
+  movie.width = zeb::CUInt32::Parse(p.GetValue("width").c_str());
+  movie.height = zeb::CUInt32::Parse(p.GetValue("height").c_str());
+  movie.frames = zeb::CUInt64::Parse(p.GetValue("numFrames").c_str());
+  movie.index = zeb::CUInt64::Parse(p.GetValue("index").c_str());
+  movie.startTime = p.GetValue("startTime").c_str();
+  movie.endTime = p.GetValue("endTime").c_str();
+  movie.durationUs = zeb::CUInt64::Parse(p.GetValue("duration").c_str());
+  for (const zeb::CPropertyArray::ENTRY& property : p.entries()) {
+    movie.properties.emplace_back(property.name.c_str(), property.value.c_str());
+  }
+  return movie;
+}
+
+bool MovieCatalog::Matches(const Movie& movie, const std::string& filter) {
+  if (filter.empty()) return true;
+  return zeb::path::WildcardMatch(filter.c_str(), movie.name.c_str()) ||
+         zeb::path::WildcardMatch(filter.c_str(), movie.ownName().c_str());
+}
+
+std::string MovieCatalog::BareName(const std::string& query) {
+  std::string name = query;
+  if (name.compare(0, 6, "trk://") == 0) name.erase(0, 6);
+  const size_t start = name.find_first_not_of('/');
+  return start == std::string::npos ? std::string() : name.substr(start);
+}
+
+std::vector<Movie> MovieCatalog::List(const std::string& filter) const {
+  const zeb::IFileSystem::CDirectoryListing listing = m_fileSystem->GetDirectoryListing("trk:///", "");
+  std::vector<Movie> movies;
+  for (const zeb::IFileSystem::CDirectoryEntry& entry : listing.entries) {
+    Movie movie = FromEntry(entry);
+    if (Matches(movie, filter)) movies.push_back(std::move(movie));
+  }
+  return movies;
+}
+
+Movie MovieCatalog::Find(const std::string& query, bool allowNumber) const {
+  const std::string name = BareName(query);
+  // A name with a '/' inside would be looked up by its last component only;
+  // such a query names no movie.
+  if (!name.empty() && name.find('/') == std::string::npos) {
+    const zeb::IFileSystem::CDirectoryEntry entry = m_fileSystem->GetInfo(("trk:///" + name).c_str());
+    if (!(entry.type & zeb::IFileSystem::kTypeNone)) return FromEntry(entry);
+  }
+  const std::vector<Movie> movies = List();
+  if (allowNumber && AllDigits(name)) {
+    std::vector<const Movie*> numbered;
+    for (const Movie& movie : movies) {
+      if (movie.name.compare(0, name.size() + 1, name + "-") == 0) numbered.push_back(&movie);
+    }
+    if (numbered.size() == 1) return *numbered[0];
+    if (numbered.size() > 1) {
+      std::string message = "movie number " + name + " is ambiguous; it is the number of:";
+      for (const Movie* movie : numbered) message += "\n  " + movie->name;
+      throw CliError(kExitNoMovie, message);
+    }
+  }
+  std::vector<std::string> names;
+  for (const Movie& movie : movies) names.push_back(movie.name);
+  std::string message = "no movie named \"" + name + "\"";
+  const std::vector<std::string> close = NameMatcher::Suggest(name, names);
+  if (close.size() == 1) {
+    message += "; did you mean \"" + close[0] + "\"?";
+  } else if (!close.empty()) {
+    message += "; did you mean one of these?";
+    for (const std::string& candidate : close) message += "\n  " + candidate;
+  } else if (movies.empty()) {
+    message += " (there are no movies)";
+  } else {
+    message += " (`zebtrk ls` lists the " + std::to_string(movies.size()) + " movies)";
+  }
+  throw CliError(kExitNoMovie, message);
+}

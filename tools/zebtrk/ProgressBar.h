@@ -1,0 +1,39 @@
+// ProgressBar: a one-line progress bar for long exports, redrawn in place on
+// a terminal ("export 12-Run A  [#########.........]  45/100 frames").
+//
+// It draws only when enabled (the caller enables it when stderr is a
+// terminal), at most once per percent of progress, and erases itself on
+// Finish, so piped and redirected output stays clean.
+//
+// Ownership: borrows the stream. One thread.
+#pragma once
+
+#include <cstdio>
+#include <string>
+
+class ProgressBar {
+ public:
+  ProgressBar(FILE* stream, std::string label, unsigned long total, bool enabled);
+  // Finish().
+  ~ProgressBar();
+  ProgressBar(const ProgressBar&) = delete;
+  ProgressBar& operator=(const ProgressBar&) = delete;
+
+  // Reports `done` of `total` units finished.
+  void Update(unsigned long done);
+  // Erases the bar (once).
+  void Finish();
+
+  // The line drawn for `done` of `total` with a bar of `width` cells.
+  static std::string Line(const std::string& label, unsigned long done, unsigned long total, unsigned int width);
+  // True when `stream` is a terminal.
+  static bool IsTerminal(FILE* stream);
+
+ private:
+  FILE* m_stream;
+  std::string m_label;
+  unsigned long m_total;
+  bool m_enabled;
+  bool m_drawn = false;
+  long m_lastPermille = -1;
+};
