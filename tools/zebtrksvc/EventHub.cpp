@@ -1,5 +1,6 @@
 #include "tools/zebtrksvc/EventHub.h"
 
+#include <algorithm>
 #include <chrono>
 
 namespace zebtrksvc {
@@ -15,11 +16,17 @@ uint32_t EventHub::Create(const void* owner) {
   return id;
 }
 
+void EventHub::CloseLocked(uint32_t id, Queue& queue) {
+  queue.closed = true;
+  m_closedIds.push_back(id);
+  if (m_closedIds.size() > kRememberedClosed) m_closedIds.pop_front();
+}
+
 bool EventHub::Destroy(uint32_t id) {
   std::lock_guard<std::mutex> hold(m_lock);
   auto found = m_queues.find(id);
   if (found == m_queues.end()) return false;
-  found->second->closed = true;
+  CloseLocked(id, *found->second);
   m_queues.erase(found);
   m_changed.notify_all();
   return true;
@@ -32,7 +39,7 @@ void EventHub::DestroyOwnedBy(const void* owner) {
       ++it;
       continue;
     }
-    it->second->closed = true;
+    CloseLocked(it->first, *it->second);
     it = m_queues.erase(it);
   }
   m_changed.notify_all();
@@ -42,9 +49,18 @@ EventHub::WaitResult EventHub::Wait(uint32_t id, uint32_t& type,
                                     const std::function<bool()>& abandoned) {
   std::unique_lock<std::mutex> hold(m_lock);
   auto found = m_queues.find(id);
-  if (found == m_queues.end()) return m_shutdown ? WaitResult::Closed : WaitResult::NoQueue;
+  if (found == m_queues.end()) {
+    const bool closed =
+        m_shutdown || std::find(m_closedIds.begin(), m_closedIds.end(), id) != m_closedIds.end();
+    return closed ? WaitResult::Closed : WaitResult::NoQueue;
+  }
   // The queue stays alive for this reader even when Destroy removes it.
   std::shared_ptr<Queue> queue = found->second;
+  ++m_waiting;
+  struct Leave {
+    size_t& count;
+    ~Leave() { --count; }  // under the lock: every return holds it
+  } leave{m_waiting};
   const auto interval = std::chrono::milliseconds(kAbandonCheckMs);
   auto nextCheck = std::chrono::steady_clock::now() + interval;
   for (;;) {
@@ -82,6 +98,11 @@ void EventHub::Shutdown() {
 size_t EventHub::queueCount() const {
   std::lock_guard<std::mutex> hold(m_lock);
   return m_queues.size();
+}
+
+size_t EventHub::waiting() const {
+  std::lock_guard<std::mutex> hold(m_lock);
+  return m_waiting;
 }
 
 }  // namespace zebtrksvc

@@ -10,7 +10,10 @@
 // by its id.
 //
 // Queue ids start at 1 and are never 0xFFFFFFFF, which the plug-in keeps for
-// "no queue".
+// "no queue". The ids of the last kRememberedClosed destroyed queues are
+// remembered: a read that reaches such a queue after it was destroyed (the
+// plug-in destroys its queue from another connection, so the read may come
+// second) is answered "closed" like a pending one; older ids are unknown.
 //
 // Threads: every operation may be called from any thread; Wait blocks only
 // its caller.
@@ -37,6 +40,8 @@ class EventHub {
 
   // How often a waiting reader runs its abandon test.
   static constexpr int kAbandonCheckMs = 200;
+  // How many destroyed queue ids still answer Closed.
+  static constexpr size_t kRememberedClosed = 1024;
 
   EventHub() = default;
   EventHub(const EventHub&) = delete;
@@ -53,7 +58,7 @@ class EventHub {
   // Takes the queue's next event, waiting for one. Every kAbandonCheckMs the
   // wait calls `abandoned` (may be empty) and gives up with Abandoned when it
   // returns true. A destroyed queue ends the wait with Closed even when it
-  // still held events.
+  // still held events, and a recently destroyed one answers Closed at once.
   WaitResult Wait(uint32_t id, uint32_t& type, const std::function<bool()>& abandoned);
 
   // Appends an event of `type` to every queue.
@@ -63,8 +68,10 @@ class EventHub {
   // Closed.
   void Shutdown();
 
-  // Number of queues that exist (for diagnostics and tests).
+  // Number of queues that exist, and of waits in progress (for diagnostics
+  // and tests).
   size_t queueCount() const;
+  size_t waiting() const;
 
  private:
   struct Queue {
@@ -76,8 +83,13 @@ class EventHub {
   mutable std::mutex m_lock;
   std::condition_variable m_changed;  // any queue got an event or closed
   std::map<uint32_t, std::shared_ptr<Queue>> m_queues;
+  // Marks `queue` (with id `id`) closed, forgets it and remembers its id.
+  void CloseLocked(uint32_t id, Queue& queue);
+
   uint32_t m_nextId = 1;
   bool m_shutdown = false;
+  size_t m_waiting = 0;
+  std::deque<uint32_t> m_closedIds;  // most recently destroyed last
 };
 
 }  // namespace zebtrksvc
