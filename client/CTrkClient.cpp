@@ -1,5 +1,9 @@
 #include "client/CTrkClient.h"
 
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <cstring>
 #include <stdexcept>
 #include <string>
@@ -75,7 +79,8 @@ void FillMovieInfo(const TinyMsgPackObject& source, STrkMovieInfo* info) {
 
 }  // namespace
 
-CTrkClient::CTrkClient() : m_socket(), m_lock(), m_connected(false), m_reader(&m_socket), m_writer(&m_socket) {}
+CTrkClient::CTrkClient()
+    : m_socket(), m_lock(), m_connected(false), m_reader(&m_socket), m_writer(&m_socket), m_wakeFd(-1) {}
 
 CTrkClient::~CTrkClient() { Disconnect(); }
 
@@ -110,8 +115,33 @@ void CTrkClient::Disconnect() noexcept {
     zeb::CAutoLock lock(&m_lock);
     m_socket.Disconnect();
     m_connected = false;
+    std::lock_guard<std::mutex> wake(m_wakeLock);
+    if (m_wakeFd != -1) close(m_wakeFd);
+    m_wakeFd = -1;
   } catch (...) {
-    // Only taking the lock can throw; nothing was changed then.
+    // Only taking a lock can throw; nothing was changed then.
+  }
+}
+
+bool CTrkClient::PrepareShutdown() noexcept {
+  try {
+    zeb::CAutoLock lock(&m_lock);
+    if (!m_connected || !m_socket.connected()) return false;
+    std::lock_guard<std::mutex> wake(m_wakeLock);
+    if (m_wakeFd != -1) close(m_wakeFd);
+    m_wakeFd = fcntl(m_socket.fd(), F_DUPFD_CLOEXEC, 0);
+    return m_wakeFd != -1;
+  } catch (...) {
+    return false;
+  }
+}
+
+void CTrkClient::Shutdown() noexcept {
+  try {
+    std::lock_guard<std::mutex> wake(m_wakeLock);
+    if (m_wakeFd != -1) shutdown(m_wakeFd, SHUT_RDWR);
+  } catch (...) {
+    // Only taking the lock can throw.
   }
 }
 

@@ -33,6 +33,7 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
 
 #include <zeb/CCriticalSection.h>
 #include <zeb/CString.h>
@@ -108,6 +109,20 @@ class CTrkClient {
   // `event.type` already written.
   bool ReadEventQueue(unsigned int queueId, STrkEvent& event) noexcept;
 
+  // Ending a blocked exchange from another thread (the file system's
+  // destructor uses it when the service does not answer):
+  // PrepareShutdown keeps a duplicate of the connected socket's descriptor,
+  // so that Shutdown never touches a descriptor number that a failed read
+  // has closed meanwhile and the host may have reused. True when the
+  // duplicate is held; false when not connected or it cannot be made. The
+  // duplicate is closed by Disconnect (and destruction).
+  bool PrepareShutdown() noexcept;
+  // Shuts the connection down in both directions through that duplicate,
+  // without taking the client's lock (a blocked exchange holds it): the
+  // waiting read fails and its operation returns false, as do later ones.
+  // Does nothing without PrepareShutdown. Any thread.
+  void Shutdown() noexcept;
+
  private:
   // The frame every command runs in: takes the lock; fails at once when Idle;
   // writes the request (with a "params" map of `paramCount` pairs written by
@@ -131,4 +146,6 @@ class CTrkClient {
   bool m_connected;
   TinyMsgPackReader m_reader;
   TinyMsgPackWriter m_writer;
+  std::mutex m_wakeLock;  // guards m_wakeFd; never held across an exchange
+  int m_wakeFd;           // PrepareShutdown's duplicate, -1 when none
 };
