@@ -3,24 +3,22 @@
 // bytes against the data file, events, errors, shutdown and clean-up.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <signal.h>
+#include <stdio.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstring>
 #include <functional>
 #include <set>
-#include <thread>
 
 #include "ipc/CSharedMemory.h"
-#include "tests/support/ResourceSnapshot.h"
 #include "tests/support/TempDir.h"
 #include "tests/tools/ChildProcess.h"
 #include "tests/tools/ServiceClient.h"
+#include "tests/tools/ServiceFixture.h"
 #include "tools/zebtrksvc/DemoDrive.h"
 #include "tools/zebtrksvc/PackedTime.h"
 
@@ -30,103 +28,7 @@ namespace {
 using zebtrksvc::DemoDrive;
 using zebtrksvc::MovieSpec;
 
-enum : uint64_t {
-  kDetectDrive, kListMovies, kGetMovieInfo, kGetMovieIndex, kOpenMovie, kCloseMovie, kReadFrame,
-  kDeleteMovie, kDeleteAllMovies, kReadInfoFile, kCreateEventQueue, kDestroyEventQueue, kReadEventQueue,
-};
-
-constexpr unsigned kMovies = 3;
-constexpr uint32_t kFrames = 12;
-constexpr uint64_t kSeed = 7;
-
-bool WaitUntil(const std::function<bool()>& condition, int timeoutMs = 20000) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return true;
-}
-
-bool ServiceAnswers() {
-  LocalSocket probe;
-  return probe.Connect("zebtrksvc");
-}
-
-std::set<std::string> Segments() {
-  std::set<std::string> ours;
-  for (const std::string& name : testsupport::ShmEntries()) {
-    if (name.rfind("zebtrksvc-", 0) == 0) ours.insert(name);
-  }
-  return ours;
-}
-
-bool PathExists(const std::string& path) {
-  struct stat status;
-  return lstat(path.c_str(), &status) == 0;
-}
-
-std::string FileBytes(const std::string& path, uint64_t offset, size_t size) {
-  std::string bytes(size, '\0');
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd == -1) return std::string();
-  const ssize_t n = pread(fd, &bytes[0], size, static_cast<off_t>(offset));
-  close(fd);
-  return n == static_cast<ssize_t>(size) ? bytes : std::string();
-}
-
-uint64_t Field(const TinyMsgPackObject& map, const char* key) { return map.valueForKey(key).posIntegerValue(); }
-
-// A frame's bytes in a segment against the expected ones, reporting the
-// first difference (a whole-frame string diff would take minutes to print).
-::testing::AssertionResult SegmentHolds(const CSharedMemory& segment, const std::string& expected) {
-  if (expected.empty()) return ::testing::AssertionFailure() << "no expected bytes";
-  if (segment.size() < expected.size()) return ::testing::AssertionFailure() << "segment too small";
-  const char* held = static_cast<const char*>(segment.data());
-  for (size_t i = 0; i < expected.size(); ++i) {
-    if (held[i] != expected[i]) return ::testing::AssertionFailure() << "bytes differ from offset " << i;
-  }
-  return ::testing::AssertionSuccess();
-}
-
-// A service on a demo drive of three movies of twelve frames.
-class ServiceTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (ServiceAnswers()) GTEST_SKIP() << "a service already answers on /tmp/zebtrksvc";
-    m_drive = m_scratch / "drive";
-    const ToolRun demo = RunTool({"make-demo", m_drive, "--movies", std::to_string(kMovies), "--frames",
-                                  std::to_string(kFrames), "--seed", std::to_string(kSeed)},
-                                 m_scratch.path());
-    ASSERT_EQ(demo.status, 0) << demo.err;
-    m_plan = DemoDrive::Plan(kMovies, kSeed, kFrames);
-    ASSERT_TRUE(StartService(m_service, m_drive));
-    m_started = true;
-  }
-
-  void TearDown() override {
-    if (!m_started) return;
-    m_service.Signal(SIGTERM);
-    EXPECT_EQ(m_service.Wait(20000), 0) << testsupport::ReadFile(m_scratch / "service.err");
-  }
-
-  // Starts a service on `drive` and waits until it accepts.
-  bool StartService(ChildProcess& child, const std::string& drive, const std::string& name = "service") {
-    if (!child.Start(ToolPath(), {"--drive", drive, "--verbose"}, m_scratch / (name + ".out"),
-                     m_scratch / (name + ".err"))) {
-      return false;
-    }
-    return WaitUntil([&] { return ServiceAnswers() || !child.Running(); }) && child.Running();
-  }
-
-  std::string DataPath(unsigned index) const { return m_drive + "/" + m_plan[index].stem() + ".dat"; }
-
-  testsupport::TempDir m_scratch;
-  std::string m_drive;
-  std::vector<MovieSpec> m_plan;
-  ChildProcess m_service;
-  bool m_started = false;
-};
+using ServiceTest = ServiceFixture;
 
 TEST_F(ServiceTest, DescribesTheDriveAndItsMovies) {
   ServiceClient client;
@@ -184,7 +86,7 @@ TEST_F(ServiceTest, FramesArriveInTheSegmentAsTheDataFileHoldsThem) {
   ServiceClient client;
   ASSERT_TRUE(client.Connect());
   const unsigned movie = 1;
-  const uint64_t frameBytes = uint64_t{m_plan[movie].width} * m_plan[movie].height * 2;
+  const uint64_t frameBytes = FrameBytes(movie);
   const std::string mapping =
       client.Result(Exec(kOpenMovie, {{"fileId", movie}})).valueForKey("mapping").stringValue();
   EXPECT_EQ(mapping.rfind("zebtrksvc-", 0), 0u);
@@ -209,7 +111,7 @@ TEST_F(ServiceTest, FramesArriveInTheSegmentAsTheDataFileHoldsThem) {
 TEST_F(ServiceTest, TwoOpeningsOfOneMovieBothHoldTheFrameAndCloseOldestFirst) {
   ServiceClient client;
   ASSERT_TRUE(client.Connect());
-  const uint64_t frameBytes = uint64_t{m_plan[0].width} * m_plan[0].height * 2;
+  const uint64_t frameBytes = FrameBytes(0);
   const std::string first = client.Result(Exec(kOpenMovie, {{"fileId", 0}})).valueForKey("mapping").stringValue();
   const std::string second = client.Result(Exec(kOpenMovie, {{"fileId", 0}})).valueForKey("mapping").stringValue();
   ASSERT_NE(first, second);
