@@ -22,7 +22,6 @@
 
 namespace {
 
-using clitest::Run;
 using clitest::SRun;
 using testsupport::ReadFile;
 using testsupport::TempDir;
@@ -90,7 +89,7 @@ class ZebtrkCliTest : public ::testing::TestWithParam<EMode> {
   void SetUp() override {
     emulator_ = GetParam() == EMode::kEmulator;
     folder_ = emulator_ ? home_.path() + "/.cache/Ostrel Systems/TRK" : drive_.path();
-    ASSERT_EQ(Run({"/bin/mkdir", "-p", folder_}).status, 0);
+    ASSERT_EQ(clitest::Run({"/bin/mkdir", "-p", folder_}).status, 0);
     WriteMovies(folder_);
     if (!emulator_) StartService(drive_.path());
   }
@@ -108,7 +107,7 @@ class ZebtrkCliTest : public ::testing::TestWithParam<EMode> {
 
   SRun Cli(std::vector<std::string> args) const {
     args.insert(args.begin(), ZEBTRK_CLI);
-    return Run(args, Env());
+    return clitest::Run(args, Env());
   }
 
   std::string Dat(const std::string& stem) const { return ReadFile(folder_ + "/" + stem + ".dat"); }
@@ -285,7 +284,7 @@ class ZebtrkCliSetupTest : public ::testing::Test {
     args.insert(args.begin(), ZEBTRK_CLI);
     env.push_back("HOME=" + home_.path());
     env.push_back("ZEBTRK_ENABLE_EMULATOR");
-    return Run(args, env);
+    return clitest::Run(args, env);
   }
   TempDir home_;
 };
