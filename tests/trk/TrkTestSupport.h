@@ -1,0 +1,109 @@
+// Helpers shared by the file system tests: movie records, raw imager files in
+// an emulator cache directory, and a file system whose movie cache a test
+// fills directly (no service involved).
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <zeb/CLocalFileSystem.h>
+#include <zeb/file/CRawImagerWriter.h>
+
+#include "tests/support/ScopedEnv.h"
+#include "tests/support/TempDir.h"
+#include "trk/CTrkInterface.h"
+#include "trk/STrkInterfaceData.h"
+
+namespace trktest {
+
+inline STrkMovieInfo Movie(std::uint64_t number, const char* name, std::uint16_t width = 640,
+                           std::uint16_t height = 480, std::uint64_t numFrames = 100, std::uint32_t rtcTime = 0,
+                           std::uint64_t startTime = 0, std::uint64_t endTime = 0) {
+  STrkMovieInfo movie;
+  std::memset(&movie, 0, sizeof movie);
+  std::strncpy(movie.name, name, sizeof movie.name - 1);
+  movie.width = width;
+  movie.height = height;
+  movie.numFrames = numFrames;
+  movie.number = number;
+  movie.rtcTime = rtcTime;
+  movie.startTime = startTime;
+  movie.endTime = endTime;
+  return movie;
+}
+
+// Property `name` of an entry.
+inline std::string Prop(const zeb::IFileSystem::CDirectoryEntry& entry, const char* name) {
+  return entry.properties.GetValue(name).c_str();
+}
+
+inline std::vector<std::string> Names(const zeb::IFileSystem::CDirectoryListing& listing) {
+  std::vector<std::string> names;
+  for (const auto& entry : listing.entries) names.push_back(entry.name.c_str());
+  return names;
+}
+
+// A file system built without any service (emulator mode during
+// construction), then switched to normal mode with a cache the test sets.
+class CachedFileSystem {
+ public:
+  explicit CachedFileSystem(const std::vector<STrkMovieInfo>& movies) {
+    {
+      testsupport::ScopedEnv emulator("ZEBTRK_ENABLE_EMULATOR", "1");
+      m_fs.reset(new zeb::trk::CTrkInterface);
+    }
+    m_fs->data()->emulator = false;
+    for (const STrkMovieInfo& movie : movies) m_fs->data()->movies.Add(movie);
+  }
+  zeb::trk::CTrkInterface* operator->() { return m_fs.get(); }
+  zeb::trk::CTrkInterface& operator*() { return *m_fs; }
+
+ private:
+  std::unique_ptr<zeb::trk::CTrkInterface> m_fs;
+};
+
+// HOME pointing at a fresh directory that holds the cache directory, and
+// emulator mode on, for the life of the object.
+class EmulatorHome {
+ public:
+  EmulatorHome()
+      : m_home("HOME", m_dir.path()),
+        m_emulator("ZEBTRK_ENABLE_EMULATOR", "1"),
+        m_cache(m_dir.path() + "/.cache/Ostrel Systems/TRK") {
+    zeb::fileSystem()->MakeDir(m_cache.c_str(), true);
+  }
+  // Path of `name` in the cache directory.
+  std::string operator/(const std::string& name) const { return m_cache + "/" + name; }
+  const std::string& cache() const { return m_cache; }
+
+  // Writes the raw imager pair "<base>.dat"/"<base>.info" with `frames`
+  // frames of width x height; with `firstTicks` non-zero the frames carry
+  // time stamps `periodTicks` apart.
+  bool WriteRaw(const std::string& base, unsigned int width, unsigned int height, unsigned int frames,
+                long firstTicks = 0, long periodTicks = 0) const {
+    zeb::file::SRawImagerInfo layout;
+    layout.width = width;
+    layout.height = height;
+    layout.hasTiming = firstTicks != 0;
+    layout.firstFrameTicks = firstTicks;
+    layout.framePeriodTicks = periodTicks;
+    zeb::file::CRawImagerWriter writer;
+    if (!writer.Create(zeb::fileSystem(), (*this / (base + ".dat")).c_str(), layout)) return false;
+    std::vector<unsigned short> pixels(width * height, 7);
+    for (unsigned int i = 0; i < frames; ++i) {
+      if (!writer.PutFrame(pixels.data())) return false;
+    }
+    return writer.Finish();
+  }
+
+ private:
+  testsupport::TempDir m_dir;
+  testsupport::ScopedEnv m_home;
+  testsupport::ScopedEnv m_emulator;
+  std::string m_cache;
+};
+
+}  // namespace trktest
