@@ -28,13 +28,15 @@ TEST_F(PluginClientTest, DescribesAndReadsMoviesAsThePluginAsks) {
     SCOPED_TRACE(spec.stem());
     STrkMovieInfo info = {};
     ASSERT_TRUE(client.GetMovieInfo(i, &info));
+    // The record is packed: its fields are copied out, never bound to
+    // references.
     EXPECT_STREQ(info.name, spec.name.c_str());
-    EXPECT_EQ(info.number, spec.number);
-    EXPECT_EQ(info.width, spec.width);
-    EXPECT_EQ(info.height, spec.height);
-    EXPECT_EQ(info.numFrames, kFrames);
-    EXPECT_EQ(info.rtcTime, zebtrksvc::UnixSeconds(spec.firstFrameTicks));
-    EXPECT_EQ(info.startTime, zebtrksvc::PackTime(spec.firstFrameTicks));
+    EXPECT_EQ(uint64_t{info.number}, spec.number);
+    EXPECT_EQ(uint32_t{info.width}, spec.width);
+    EXPECT_EQ(uint32_t{info.height}, spec.height);
+    EXPECT_EQ(uint64_t{info.numFrames}, kFrames);
+    EXPECT_EQ(uint64_t{info.rtcTime}, zebtrksvc::UnixSeconds(spec.firstFrameTicks));
+    EXPECT_EQ(uint64_t{info.startTime}, zebtrksvc::PackTime(spec.firstFrameTicks));
     unsigned int index = 99;
     ASSERT_TRUE(client.GetMovieIndex(spec.stem().c_str(), index));
     EXPECT_EQ(index, i);
