@@ -1,13 +1,22 @@
 // The simulator's pieces on their own: the packed time code, movie file
-// names and list order, and the event queues' waiting rules.
+// names and list order, the event queues' waiting rules, and copying frames
+// out of a mapped data file.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <cstring>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include <zeb/CDateTime.h>
 
+#include "tests/support/TempDir.h"
 #include "tools/zebtrksvc/EventHub.h"
+#include "tools/zebtrksvc/FileMapping.h"
 #include "tools/zebtrksvc/MovieCatalog.h"
 #include "tools/zebtrksvc/PackedTime.h"
 
@@ -137,6 +146,49 @@ TEST(EventHubTest, DestroyOwnerAndShutdownEndWaits) {
 
   hub.Shutdown();
   EXPECT_EQ(hub.Wait(kept, type, nullptr), EventHub::WaitResult::Closed);
+}
+
+// Frames come out of a mapping of the data file. A file cut short after it
+// was mapped (rewritten in place) must give the same error as a short pread,
+// not a SIGBUS that ends the service.
+TEST(FileMappingTest, CopiesInsideTheFileAndReportsAShortFile) {
+  testsupport::TempDir dir;
+  const std::string path = dir / "1-a.dat";
+  std::vector<unsigned char> bytes(3 * 4096);
+  for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<unsigned char>(i * 7);
+  ASSERT_TRUE(testsupport::WriteFile(path, bytes.data(), bytes.size()));
+  const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_NE(fd, -1);
+  FileMapping mapping;
+  EXPECT_FALSE(mapping.Map(fd, 0));
+  ASSERT_TRUE(mapping.Map(fd, bytes.size()));
+
+  const std::string shorter = "the data file is shorter than the movie";
+  std::vector<unsigned char> out(4096);
+  struct Case {
+    uint64_t offset, size;
+    std::string error;
+  } cases[] = {
+      {0, 4096, ""}, {8192, 4096, ""}, {5000, 100, ""}, {8193, 4096, shorter}, {12288, 1, shorter}, {~0ull, 2, shorter},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.offset);
+    EXPECT_EQ(mapping.CopyOut(out.data(), c.size, c.offset), c.error);
+    if (c.error.empty()) {
+      EXPECT_EQ(0, memcmp(out.data(), bytes.data() + c.offset, c.size));
+    }
+  }
+
+  // Cut to one page: the pages behind it fault; the copy reports it, and the
+  // first page still copies, in this thread and in another.
+  ASSERT_EQ(ftruncate(fd, 4096), 0);
+  EXPECT_EQ(mapping.CopyOut(out.data(), 4096, 8192), shorter);
+  EXPECT_EQ(mapping.CopyOut(out.data(), 4096, 0), "");
+  std::string fromThread = "not run";
+  std::thread([&] { fromThread = mapping.CopyOut(out.data(), 100, 4096); }).join();
+  EXPECT_EQ(fromThread, shorter);
+  EXPECT_EQ(mapping.CopyOut(out.data(), 4096, 0), "");
+  close(fd);
 }
 
 }  // namespace
