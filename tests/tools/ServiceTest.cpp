@@ -269,15 +269,20 @@ TEST_F(ServiceTest, UndecodableRequestClosesOnlyItsConnection) {
   }
 }
 
-// Reads events until the movie list has `count` movies; false when an event
-// of another type arrives or too many pass.
-bool EventsUntilCount(ServiceClient& events, uint64_t queue, ServiceClient& requests, uint64_t count) {
+// Reads events until `done` holds; false when an event of another type
+// arrives or too many pass.
+bool EventsUntil(ServiceClient& events, uint64_t queue, const std::function<bool()>& done) {
   for (int i = 0; i < 10; ++i) {
     const TinyMsgPackObject event = events.Result(Exec(kReadEventQueue, {{"queueId", queue}})).valueForKey("event");
     if (Field(event, "type") != 1 || Field(event, "drive") != 0) return false;
-    if (Field(requests.Result(Exec(kListMovies)), "count") == count) return true;
+    if (done()) return true;
   }
   return false;
+}
+
+// Reads events until the movie list has `count` movies.
+bool EventsUntilCount(ServiceClient& events, uint64_t queue, ServiceClient& requests, uint64_t count) {
+  return EventsUntil(events, queue, [&] { return Field(requests.Result(Exec(kListMovies)), "count") == count; });
 }
 
 TEST_F(ServiceTest, ChangesOfTheMovieListAreAnnounced) {
@@ -306,14 +311,29 @@ TEST_F(ServiceTest, ChangesOfTheMovieListAreAnnounced) {
   const TinyMsgPackObject last = requests.Result(Exec(kGetMovieInfo, {{"index", kMovies - 1}})).valueForKey("info");
   EXPECT_STREQ(last.valueForKey("name").stringValue(), "Dropped In");
 
-  // Two deletions before the next read: both events are kept.
+  // A movie rewritten in place under the same name is read again.
+  const ToolRun rewritten = RunTool({"make-movie", m_drive, "--width", "32", "--height", "16", "--frames", "2",
+                                     "--number", "40", "--name", "Dropped In"},
+                                    m_scratch.path());
+  ASSERT_EQ(rewritten.status, 0) << rewritten.err;
+  EXPECT_TRUE(EventsUntil(events, queue, [&] {
+    // While it is rewritten the movie may be missing for a moment.
+    const TinyMsgPackObject answer = requests.Call(Exec(kGetMovieInfo, {{"index", kMovies - 1}}));
+    if (!ErrorText(answer).empty()) return false;
+    const TinyMsgPackObject& info = answer.valueForKey("result").valueForKey("info");
+    return Field(info, "width") == 32 && Field(info, "numFrames") == 2;
+  }));
+
+  // Two deletions before the next read: both events are kept. (A new queue,
+  // so that no event of the rewrite is counted.)
+  const uint64_t fresh = Field(events.Result(Exec(kCreateEventQueue)), "queueId");
   ASSERT_EQ(requests.Error(Exec(kDeleteMovie, {{"fileId", 0}})), "");
   ASSERT_EQ(requests.Error(Exec(kDeleteMovie, {{"fileId", 0}})), "");
   for (int i = 0; i < 2; ++i) {
-    EXPECT_EQ(Field(events.Result(Exec(kReadEventQueue, {{"queueId", queue}})).valueForKey("event"), "type"), 1u);
+    EXPECT_EQ(Field(events.Result(Exec(kReadEventQueue, {{"queueId", fresh}})).valueForKey("event"), "type"), 1u);
   }
   ASSERT_EQ(requests.Error(Exec(kDeleteAllMovies)), "");
-  EXPECT_TRUE(EventsUntilCount(events, queue, requests, 0));
+  EXPECT_TRUE(EventsUntilCount(events, fresh, requests, 0));
   EXPECT_TRUE(PathExists(stem + ".v2.txt"));
 }
 

@@ -217,10 +217,9 @@ bool Connection::Execute(uint64_t ordinal, const Request& request, TinyMsgPackWr
   }
 }
 
-Movie Connection::MovieAt(uint64_t index) const {
-  std::shared_ptr<const MovieCatalog::Snapshot> snapshot = m_catalog.snapshot();
-  if (index >= snapshot->movies.size()) throw RequestError(strprintf("no movie at index %llu", Ull(index)));
-  return snapshot->movies[index];
+const Movie& Connection::MovieAt(const MovieCatalog::Snapshot& snapshot, uint64_t index) {
+  if (index >= snapshot.movies.size()) throw RequestError(strprintf("no movie at index %llu", Ull(index)));
+  return snapshot.movies[index];
 }
 
 void Connection::DetectDrive(TinyMsgPackWriter& out) {
@@ -236,7 +235,10 @@ void Connection::ListMovies(TinyMsgPackWriter& out) {
 }
 
 void Connection::GetMovieInfo(const Request& request, TinyMsgPackWriter& out) {
-  const Movie movie = MovieAt(RequireUnsigned(request, request.index, "index"));
+  const uint64_t index = RequireUnsigned(request, request.index, "index");
+  // Snapshots are immutable: holding one keeps the movie valid, no copy needed.
+  const std::shared_ptr<const MovieCatalog::Snapshot> snapshot = m_catalog.snapshot();
+  const Movie& movie = MovieAt(*snapshot, index);
   StartResult(out, 1);
   WriteKey(out, "info");
   out.StartMap(10);
@@ -285,7 +287,7 @@ void Connection::OpenMovie(const Request& request, TinyMsgPackWriter& out) {
   const uint64_t fileId = RequireUnsigned(request, request.fileId, "fileId");
   auto opening = std::make_unique<Opening>();
   opening->fileId = fileId;
-  opening->movie = MovieAt(fileId);
+  opening->movie = MovieAt(*m_catalog.snapshot(), fileId);
   opening->data.reset(open(opening->movie.dataPath.c_str(), O_RDONLY | O_CLOEXEC));
   if (!opening->data.valid()) {
     throw RequestError(strprintf("cannot open movie %llu: %s", Ull(fileId), std::strerror(errno)));
@@ -297,6 +299,9 @@ void Connection::OpenMovie(const Request& request, TinyMsgPackWriter& out) {
       status.st_ino != opening->movie.inode) {
     throw RequestError(strprintf("cannot open movie %llu: it changed on the drive", Ull(fileId)));
   }
+  // Frames are copied out of a mapping of the data file (see FileMapping);
+  // where the file cannot be mapped they are read with pread instead.
+  opening->mapping.Map(opening->data.get(), static_cast<uint64_t>(status.st_size));
   if (!opening->segment.CreateRandom(kSegmentPrefix, opening->movie.frameBytes())) {
     throw RequestError(strprintf("cannot make a shared memory segment for movie %llu: %s", Ull(fileId),
                                  std::strerror(errno)));
@@ -336,7 +341,9 @@ void Connection::ReadFrame(const Request& request, TinyMsgPackWriter& out) {
   }
   // Straight from the file into the segment: no buffer in between.
   const std::string failure =
-      ReadAt(target->data.get(), target->segment.data(), movie.frameBytes(), movie.frameOffset(frame));
+      target->mapping.mapped()
+          ? target->mapping.CopyOut(target->segment.data(), movie.frameBytes(), movie.frameOffset(frame))
+          : ReadAt(target->data.get(), target->segment.data(), movie.frameBytes(), movie.frameOffset(frame));
   if (!failure.empty()) {
     throw RequestError(
         strprintf("cannot read frame %llu of movie %llu: %s", Ull(frame), Ull(fileId), failure.c_str()));
@@ -368,7 +375,7 @@ void Connection::DeleteAllMovies(TinyMsgPackWriter& out) {
 
 void Connection::ReadInfoFile(const Request& request, TinyMsgPackWriter& out) {
   const uint64_t fileId = RequireUnsigned(request, request.fileId, "fileId");
-  const Movie movie = MovieAt(fileId);
+  const Movie movie = MovieAt(*m_catalog.snapshot(), fileId);
   UniqueFd file(open(movie.infoPath.c_str(), O_RDONLY | O_CLOEXEC));
   struct stat status;
   if (!file.valid() || fstat(file.get(), &status) != 0) {

@@ -35,6 +35,7 @@
 #include "msgpack/MemoryStream.h"
 #include "msgpack/TinyMsgPackWriter.h"
 #include "tools/zebtrksvc/EventHub.h"
+#include "tools/zebtrksvc/FileMapping.h"
 #include "tools/zebtrksvc/Movie.h"
 #include "tools/zebtrksvc/MovieCatalog.h"
 #include "tools/zebtrksvc/RequestReader.h"
@@ -70,6 +71,7 @@ class Connection {
     uint64_t fileId = 0;
     Movie movie;
     UniqueFd data;
+    FileMapping mapping;  // of `data`; empty when it could not be mapped
     CSharedMemory segment;
   };
 
@@ -95,8 +97,8 @@ class Connection {
   void DestroyEventQueue(const Request& request, TinyMsgPackWriter& out);
   bool ReadEventQueue(const Request& request, TinyMsgPackWriter& out);
 
-  // The movie at `index` of the current list; throws "no movie at index N".
-  Movie MovieAt(uint64_t index) const;
+  // The movie at `index` of `snapshot`; throws "no movie at index N".
+  static const Movie& MovieAt(const MovieCatalog::Snapshot& snapshot, uint64_t index);
   // Sends m_output with one write; false when it did not go out whole.
   bool Send();
   // True when the client has closed its end (checked while waiting).

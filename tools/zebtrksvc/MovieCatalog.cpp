@@ -108,14 +108,51 @@ bool MovieCatalog::ReadMovie(const std::string& fileName, Movie& movie) const {
   return true;
 }
 
-MovieCatalog::Snapshot MovieCatalog::Scan() const {
+bool MovieCatalog::FileSignature::operator==(const FileSignature& other) const {
+  return exists == other.exists && device == other.device && inode == other.inode && size == other.size &&
+         modified.tv_sec == other.modified.tv_sec && modified.tv_nsec == other.modified.tv_nsec &&
+         changed.tv_sec == other.changed.tv_sec && changed.tv_nsec == other.changed.tv_nsec;
+}
+
+MovieCatalog::FileSignature MovieCatalog::Sign(const std::string& path) {
+  FileSignature signature;
+  struct stat status;
+  if (stat(path.c_str(), &status) != 0) return signature;
+  signature.exists = true;
+  signature.device = status.st_dev;
+  signature.inode = status.st_ino;
+  signature.size = status.st_size;
+  signature.modified = status.st_mtim;
+  signature.changed = status.st_ctim;
+  return signature;
+}
+
+MovieCatalog::Snapshot MovieCatalog::Scan() {
   Snapshot scanned;
   scanned.present = IsDirectory(m_drive);
-  if (!scanned.present) return scanned;
-  for (const std::string& fileName : FolderEntries(m_drive)) {
-    Movie movie;
-    if (ReadMovie(fileName, movie)) scanned.movies.push_back(std::move(movie));
+  std::map<std::string, ScannedPair> seen;
+  if (scanned.present) {
+    for (const std::string& fileName : FolderEntries(m_drive)) {
+      uint64_t number = 0;
+      std::string name;
+      if (!ParseDataFileName(fileName, number, name)) continue;
+      // Signed before reading: a change during the read shows at the next
+      // scan, which the watcher triggers for it.
+      ScannedPair pair;
+      const std::string dataPath = m_drive + "/" + fileName;
+      pair.data = Sign(dataPath);
+      pair.info = Sign(zeb::file::CRawImagerFile::InfoPath(zeb::CString(dataPath.c_str())).c_str());
+      auto known = m_scanned.find(fileName);
+      if (known != m_scanned.end() && known->second.data == pair.data && known->second.info == pair.info) {
+        pair = std::move(known->second);
+      } else {
+        pair.movie = ReadMovie(fileName, pair.found);
+      }
+      if (pair.movie) scanned.movies.push_back(pair.found);
+      seen.emplace(fileName, std::move(pair));
+    }
   }
+  m_scanned.swap(seen);
   std::sort(scanned.movies.begin(), scanned.movies.end(), ListsBefore);
   return scanned;
 }
