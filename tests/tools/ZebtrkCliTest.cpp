@@ -245,6 +245,11 @@ TEST_P(ZebtrkCliTest, ErrorsAUserUnderstands) {
     EXPECT_TRUE(Contains(run.err, c.message)) << run.err;
   }
   EXPECT_TRUE(FilesIn(out_.path()).empty());  // nothing made for a refused export
+
+  // Output that cannot be written is a failure.
+  const SRun full = clitest::Run({"/bin/sh", "-c", "exec \"$0\" ls >/dev/full", ZEBTRK_CLI}, Env());
+  EXPECT_EQ(full.status, 1);
+  EXPECT_TRUE(Contains(full.err, "cannot write to standard output")) << full.err;
 }
 
 TEST_P(ZebtrkCliTest, RemoveShowsTheReportedChangeAndWatchSeesIt) {

@@ -10,7 +10,12 @@
 ChangeWatcher::ChangeWatcher(PluginLoader& plugin) : m_plugin(plugin) {
   m_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (m_fd < 0) throw CliError(kExitFailure, "cannot create an event descriptor");
-  m_handle = m_plugin.addFilesChangedHandler(&ChangeWatcher::OnFilesChanged, this);
+  try {
+    m_handle = m_plugin.addFilesChangedHandler(&ChangeWatcher::OnFilesChanged, this);
+  } catch (...) {
+    close(m_fd);
+    throw;
+  }
 }
 
 ChangeWatcher::~ChangeWatcher() {

@@ -82,7 +82,7 @@ std::string RequireValue(const std::string& text, const char* what) {
   return text;
 }
 
-// Column widths for the ls table.
+// One column of the ls table: its title and alignment.
 struct SColumn {
   const char* title;
   bool rightAligned;

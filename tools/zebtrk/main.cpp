@@ -6,10 +6,18 @@
 #include <string>
 #include <vector>
 
+#include "tools/zebtrk/CliError.h"
 #include "tools/zebtrk/Commands.h"
 
 int main(int argc, char** argv) {
   const std::vector<std::string> args(argv + 1, argv + argc);
   Commands commands(std::cout, std::cerr);
-  return commands.Run(args);
+  const int code = commands.Run(args);
+  // A full disk or a closed pipe behind stdout is a failure, not a success.
+  std::cout.flush();
+  if (!std::cout && code == kExitOk) {
+    std::cerr << "zebtrk: cannot write to standard output\n";
+    return kExitFailure;
+  }
+  return code;
 }
