@@ -165,6 +165,14 @@ bool Connection::Serve(const Request& request) {
     out.StartMap(1);
     WriteKey(out, "error");
     WriteKey(out, "out of memory");
+  } catch (const std::exception& failure) {
+    // Anything else (a framework exception while rescanning, say) fails this
+    // request only; the connection and the service go on.
+    Logf("connection %u: request failed: %s", m_id, failure.what());
+    m_output.clear();
+    out.StartMap(1);
+    WriteKey(out, "error");
+    out.WriteString(strprintf("internal error: %s", failure.what()));
   }
   return Send();
 }

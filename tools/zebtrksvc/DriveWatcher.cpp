@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <stdexcept>
 #include <system_error>
 
 #include "ipc/strprintf.h"
@@ -54,7 +55,7 @@ bool DriveWatcher::Start(std::string& error) {
   // Watches first, then the scan: a movie arriving in between is seen by both
   // at worst, never by neither.
   Rewatch();
-  m_catalog.Refresh();
+  Rescan();
   try {
     m_thread = std::thread(&DriveWatcher::Run, this);
   } catch (const std::system_error& failure) {
@@ -126,6 +127,15 @@ bool DriveWatcher::Drain() {
   }
 }
 
+void DriveWatcher::Rescan() {
+  try {
+    m_catalog.Refresh();
+  } catch (const std::exception& failure) {
+    // Out of memory, say: the next change tries again.
+    Logf("rescanning the drive failed: %s", failure.what());
+  }
+}
+
 void DriveWatcher::Run() {
   bool pending = false;
   Clock::time_point quietAt;
@@ -153,13 +163,13 @@ void DriveWatcher::Run() {
     }
     if (!pending && m_parentWatch == -1 && !m_parent.empty()) {
       // Waiting for the parent folder to exist.
-      if (Rewatch()) m_catalog.Refresh();
+      if (Rewatch()) Rescan();
       continue;
     }
     if (!pending || (now < quietAt && now < deadline)) continue;
     pending = false;
     Rewatch();
-    m_catalog.Refresh();
+    Rescan();
   }
 }
 

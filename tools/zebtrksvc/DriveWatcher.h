@@ -51,6 +51,8 @@ class DriveWatcher {
   bool Rewatch();
   // Reads the pending inotify events; true when one of them matters.
   bool Drain();
+  // Refresh, a failure logged rather than ending the thread.
+  void Rescan();
 
   MovieCatalog& m_catalog;
   std::string m_parent;     // folder holding the drive folder

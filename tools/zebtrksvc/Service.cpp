@@ -77,11 +77,12 @@ void Service::AcceptLoop() {
       continue;
     }
     Reap();
-    auto connection = std::make_unique<Connection>(std::move(socket), m_nextId++, m_catalog, m_hub);
+    std::unique_ptr<Connection> connection;
     try {
+      connection = std::make_unique<Connection>(std::move(socket), m_nextId++, m_catalog, m_hub);
       connection->Start();
-    } catch (const std::system_error& failure) {
-      Logf("cannot start a connection thread: %s", failure.what());
+    } catch (const std::exception& failure) {
+      Logf("cannot serve a new connection: %s", failure.what());
       continue;  // the connection's socket closes with it
     }
     std::lock_guard<std::mutex> hold(m_lock);

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <exception>
 #include <string>
 
 #include "tools/zebtrksvc/CommandLine.h"
@@ -125,16 +126,21 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "zebtrksvc: %s\n\n%s", error.c_str(), CommandLine::Usage());
     return kExitUsage;
   }
-  switch (options.mode) {
-    case Options::Mode::Help:
-      std::fputs(CommandLine::Usage(), stdout);
-      return 0;
-    case Options::Mode::MakeDemo:
-      return MakeDemo(options);
-    case Options::Mode::MakeMovie:
-      return MakeMovie(options);
-    case Options::Mode::Serve:
-      break;
+  try {
+    switch (options.mode) {
+      case Options::Mode::Help:
+        std::fputs(CommandLine::Usage(), stdout);
+        return 0;
+      case Options::Mode::MakeDemo:
+        return MakeDemo(options);
+      case Options::Mode::MakeMovie:
+        return MakeMovie(options);
+      case Options::Mode::Serve:
+        break;
+    }
+    return Serve(options);
+  } catch (const std::exception& failure) {
+    // Out of memory or threads: everything made so far is undone on the way.
+    return Fail(failure.what());
   }
-  return Serve(options);
 }
