@@ -1,0 +1,314 @@
+// Movie files against the zebtrksvc simulator serving a temporary drive: the
+// bytes read equal the drive's data files, information files equal the
+// drive's, a movie beyond 4 GiB reads right at its end, the imager file
+// factory opens movies and reads every frame with its time stamp, and files
+// of one movie read side by side and from two threads.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <zeb/CLocalFileSystem.h>
+#include <zeb/file/CImagerFileFactory.h>
+#include <zeb/file/CRawImagerWriter.h>
+
+#include "client/CTrkClient.h"
+#include "tests/support/ScopedEnv.h"
+#include "tests/support/TempDir.h"
+#include "trk/CTrkImagerFile.h"
+#include "trk/CTrkInterface.h"
+
+namespace {
+
+using testsupport::ReadFile;
+using testsupport::WriteFile;
+
+const unsigned int kBigWidth = 1280, kBigHeight = 1024, kBigFrames = 1700;
+const long kBigFrameBytes = long{kBigWidth} * kBigHeight * 2;
+const long kBigSize = kBigFrameBytes * kBigFrames;  // 4,456,448,000 bytes
+
+// A raw pair on the drive with seeded pixels and time stamps.
+void WriteMovie(const std::string& drive, const char* stem, unsigned int width,
+                unsigned int height, unsigned int frames, unsigned int seed) {
+  zeb::file::SRawImagerInfo layout;
+  layout.width = width;
+  layout.height = height;
+  layout.hasTiming = true;
+  layout.firstFrameTicks = 133590000000000000L + seed;
+  layout.framePeriodTicks = 333333;
+  zeb::file::CRawImagerWriter writer;
+  ASSERT_TRUE(writer.Create(zeb::fileSystem(), (drive + "/" + stem + ".dat").c_str(), layout));
+  std::mt19937 random(seed);
+  std::vector<unsigned short> pixels(width * height);
+  for (unsigned int frame = 0; frame < frames; ++frame) {
+    for (unsigned short& pixel : pixels) pixel = static_cast<unsigned short>(random());
+    ASSERT_TRUE(writer.PutFrame(pixels.data()));
+  }
+  ASSERT_TRUE(writer.Finish());
+}
+
+// The bytes that the big movie holds at its end (the rest is a hole).
+std::vector<unsigned char> BigTail() {
+  std::vector<unsigned char> tail(kBigFrameBytes + 4096);
+  for (size_t i = 0; i < tail.size(); ++i) tail[i] = static_cast<unsigned char>(i * 7 + 1);
+  return tail;
+}
+
+// A sparse movie beyond 4 GiB: only its information file and the last frame
+// and a bit are written.
+void WriteBigMovie(const std::string& drive) {
+  zeb::file::SRawImagerInfo layout;
+  layout.width = kBigWidth;
+  layout.height = kBigHeight;
+  layout.frames = kBigFrames;
+  const std::string info = layout.ToText().c_str();
+  ASSERT_TRUE(WriteFile(drive + "/5-Big.info", info));
+  const int fd = ::open((drive + "/5-Big.dat").c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(::ftruncate(fd, kBigSize), 0);
+  const std::vector<unsigned char> tail = BigTail();
+  ASSERT_EQ(::pwrite(fd, tail.data(), tail.size(), kBigSize - static_cast<long>(tail.size())),
+            static_cast<ssize_t>(tail.size()));
+  ::close(fd);
+}
+
+// The drive, the simulator serving it, and the file system connected to it.
+class Simulator {
+ public:
+  Simulator() : m_emulator("ZEBTRK_ENABLE_EMULATOR", std::nullopt) {
+    m_drive = m_dir / "drive";
+    EXPECT_TRUE(zeb::fileSystem()->MakeDir(m_drive.c_str(), true));
+    WriteMovie(m_drive, "3-Small", 64, 48, 12, 3);
+    WriteMovie(m_drive, "4-Other", 32, 16, 20, 4);
+    WriteMovie(m_drive, "1-Gone", 8, 8, 2, 7);
+    WriteBigMovie(m_drive);
+    m_pid = ::fork();
+    if (m_pid == 0) {
+      const int null = ::open("/dev/null", O_WRONLY);
+      ::dup2(null, 1);
+      ::dup2(null, 2);
+      ::execl(ZEBTRKSVC_BINARY, "zebtrksvc", "--drive", m_drive.c_str(), static_cast<char*>(nullptr));
+      ::_exit(127);
+    }
+    EXPECT_GT(m_pid, 0);
+    WaitUntilServing();
+    m_fs.reset(new zeb::trk::CTrkInterface);
+  }
+  ~Simulator() {
+    m_fs.reset();
+    if (m_pid > 0) {
+      ::kill(m_pid, SIGTERM);
+      int status = 0;
+      ::waitpid(m_pid, &status, 0);
+    }
+  }
+  zeb::trk::CTrkInterface& fs() { return *m_fs; }
+  std::string operator/(const std::string& name) const { return m_drive + "/" + name; }
+
+ private:
+  void WaitUntilServing() {
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (std::chrono::steady_clock::now() < limit) {
+      CTrkClient probe;
+      unsigned int count = 0;
+      if (probe.Connect() && probe.ListMovies(count) && count == 4) return;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    ADD_FAILURE() << "the simulator did not serve the drive";
+  }
+
+  testsupport::TempDir m_dir;
+  testsupport::ScopedEnv m_emulator;
+  std::string m_drive;
+  pid_t m_pid = -1;
+  std::unique_ptr<zeb::trk::CTrkInterface> m_fs;
+};
+
+class SimulatorTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { s_simulator = new Simulator; }
+  static void TearDownTestSuite() {
+    delete s_simulator;
+    s_simulator = nullptr;
+  }
+  Simulator& sim() { return *s_simulator; }
+  zeb::trk::CTrkInterface& fs() { return s_simulator->fs(); }
+  static Simulator* s_simulator;
+};
+Simulator* SimulatorTest::s_simulator = nullptr;
+
+TEST_F(SimulatorTest, RandomReadsEqualTheDataFile) {
+  const std::string data = ReadFile(sim() / "3-Small.dat");
+  ASSERT_EQ(data.size(), 64u * 48 * 2 * 12);
+  zeb::TSharedPtr<zeb::IFile> file = fs().OpenFile("trk://3-Small", 0);
+  ASSERT_TRUE(file);
+  ASSERT_EQ(file->GetSize(), static_cast<long>(data.size()));
+  std::mt19937 random(20240502);
+  std::vector<char> bytes(data.size() + 100);
+  for (int i = 0; i < 300; ++i) {
+    const long position = static_cast<long>(random() % (data.size() + 1));
+    const unsigned int count = random() % (3 * 64 * 48 * 2);
+    ASSERT_EQ(file->Seek(position, 1), position);
+    const unsigned int expected =
+        static_cast<unsigned int>(std::min<long>(count, static_cast<long>(data.size()) - position));
+    ASSERT_EQ(file->Read(bytes.data(), count), expected) << count << " at " << position;
+    ASSERT_EQ(std::string(bytes.data(), expected), data.substr(position, expected))
+        << count << " at " << position;
+  }
+}
+
+TEST_F(SimulatorTest, InformationFileEqualsTheDrives) {
+  zeb::TSharedPtr<zeb::IFile> info = fs().OpenFile("trk://3-Small:INFO", 0);
+  ASSERT_TRUE(info);
+  const std::string expected = ReadFile(sim() / "3-Small.info");
+  ASSERT_EQ(info->GetSize(), static_cast<long>(expected.size()));
+  std::string bytes(expected.size(), '\0');
+  ASSERT_TRUE(info->ReadBytes(&bytes[0], static_cast<unsigned int>(bytes.size())));
+  EXPECT_EQ(bytes, expected);
+}
+
+TEST_F(SimulatorTest, MovieBeyondFourGigabytes) {
+  const std::vector<unsigned char> tail = BigTail();
+  zeb::TSharedPtr<zeb::IFile> file = fs().OpenFile("trk://5-Big", 0);
+  ASSERT_TRUE(file);
+  ASSERT_EQ(file->GetSize(), kBigSize);
+  EXPECT_EQ(std::string(fs().GetInfo("trk://5-Big").properties.GetValue("numFrames").c_str()),
+            "1700");
+  struct Case {
+    long seek;
+    unsigned int origin;
+    unsigned int count;
+  };
+  const Case cases[] = {
+      {-100, zeb::IFile::kSeekEnd, 100},
+      {-static_cast<long>(tail.size()), zeb::IFile::kSeekEnd, 5000},  // across frames 1698/1699
+      {-kBigFrameBytes - 10, zeb::IFile::kSeekEnd, 20},
+      {-1, zeb::IFile::kSeekEnd, 0xFFFFFFFFu},  // cut at the end: one byte
+  };
+  for (const Case& c : cases) {
+    const long position = file->Seek(c.seek, c.origin);
+    ASSERT_EQ(position, kBigSize + c.seek);
+    std::vector<unsigned char> bytes(std::min<long>(c.count, kBigSize - position));
+    ASSERT_EQ(file->Read(bytes.data(), c.count), bytes.size());
+    const long from = position - (kBigSize - static_cast<long>(tail.size()));
+    EXPECT_TRUE(std::equal(bytes.begin(), bytes.end(), tail.begin() + from)) << position;
+    EXPECT_EQ(file->GetPosition(), position + static_cast<long>(bytes.size()));
+  }
+}
+
+// Frames read through the factory's type equal the local raw reader's, with
+// the same time stamps.
+void ExpectSameFrames(zeb::file::IImagerFile& trk, const std::string& localPath) {
+  zeb::file::CRawImagerFile local;
+  ASSERT_TRUE(local.Open(zeb::fileSystem(), localPath.c_str(), 0));
+  ASSERT_EQ(trk.xPixels(), local.xPixels());
+  ASSERT_EQ(trk.yPixels(), local.yPixels());
+  ASSERT_EQ(trk.nFrames(), local.nFrames());
+  std::vector<unsigned short> a(trk.xPixels() * trk.yPixels()), b(a.size());
+  zeb::reduce::CReduceObjectArray objectsA, objectsB;
+  for (unsigned int frame = 0; frame < trk.nFrames(); ++frame) {
+    unsigned char presetA = 9, presetB = 9;
+    ASSERT_TRUE(trk.GetFrame(a.data(), frame, presetA, objectsA)) << frame;
+    ASSERT_TRUE(local.GetFrame(b.data(), frame, presetB, objectsB)) << frame;
+    ASSERT_EQ(a, b) << frame;
+    EXPECT_EQ(presetA, presetB);
+    zeb::TSharedPtr<zeb::reduce::CFrameInfoReduceObject> infoA = objectsA.GetFrameInfo(0, false);
+    zeb::TSharedPtr<zeb::reduce::CFrameInfoReduceObject> infoB = objectsB.GetFrameInfo(0, false);
+    ASSERT_TRUE(infoA && infoB) << frame;
+    EXPECT_EQ(infoA->timestamp().GetTimestamp(0), infoB->timestamp().GetTimestamp(0)) << frame;
+  }
+}
+
+TEST_F(SimulatorTest, ImagerFactoryOpensMoviesAndReadsEveryFrame) {
+  zeb::file::CImagerFileFactory* factory = zeb::file::imagerFileFactory();
+  zeb::file::CImagerFileFactory::CType type;
+  ASSERT_TRUE(factory->FindTypeForPath(&fs(), "trk://3-Small", 0, type));
+  EXPECT_STREQ(type.name.c_str(), "TRK Imager File");
+  EXPECT_FALSE(factory->FindTypeForPath(&fs(), "trk://8-None", 0, type));
+  EXPECT_FALSE(zeb::trk::CTrkImagerFile::CanOpen(&fs(), "trk://8-None", 0));
+
+  ASSERT_TRUE(factory->FindType("TRK Imager File", type));
+  zeb::file::IImagerFile* file = type.Create();
+  ASSERT_NE(file, nullptr);
+  EXPECT_STREQ(file->GetName(), "TRK Imager File");
+  EXPECT_FALSE(file->Open(&fs(), "trk://8-None", 0));
+  ASSERT_TRUE(file->Open(&fs(), "trk://4-Other", 0));
+  ExpectSameFrames(*file, sim() / "4-Other.dat");
+  // A second Open releases the first movie and serves the next.
+  ASSERT_TRUE(file->Open(&fs(), "trk://3-Small", 0));
+  ExpectSameFrames(*file, sim() / "3-Small.dat");
+  type.Destroy(file);
+}
+
+TEST_F(SimulatorTest, FilesOfOneMovieSideBySideAndFromTwoThreads) {
+  const std::string data = ReadFile(sim() / "4-Other.dat");
+  const long frameBytes = 32 * 16 * 2;
+  zeb::TSharedPtr<zeb::IFile> a = fs().OpenFile("trk://4-Other", 0);
+  zeb::TSharedPtr<zeb::IFile> b = fs().OpenFile("trk://4-Other", 0);
+  ASSERT_TRUE(a && b);
+  // Interleaved: each file's held frame is refilled by the other's requests.
+  std::vector<char> bytes(16);
+  for (long frame = 0; frame < 20; ++frame) {
+    for (zeb::IFile* file : {a.get(), b.get()}) {
+      const long position = ((file == a.get() ? frame : 19 - frame) * frameBytes) + 100;
+      for (int piece = 0; piece < 2; ++piece) {
+        ASSERT_EQ(file->Seek(position + piece * 16, 1), position + piece * 16);
+        ASSERT_EQ(file->Read(bytes.data(), 16), 16u);
+        ASSERT_EQ(std::string(bytes.data(), 16), data.substr(position + piece * 16, 16));
+      }
+    }
+  }
+  // Two threads, each reading the whole movie in frame-sized pieces that
+  // straddle frame boundaries.
+  auto readAll = [&data, frameBytes](zeb::IFile* file, bool* same) {
+    std::vector<char> whole(data.size());
+    file->Seek(0, 1);
+    for (long done = 0; done < static_cast<long>(data.size());) {
+      const unsigned int got = file->Read(whole.data() + done, frameBytes / 3 + 1);
+      if (got == 0) break;
+      done += got;
+    }
+    *same = std::string(whole.data(), whole.size()) == data;
+  };
+  for (int round = 0; round < 5; ++round) {
+    bool sameA = false, sameB = false;
+    std::thread first(readAll, a.get(), &sameA);
+    std::thread second(readAll, b.get(), &sameB);
+    first.join();
+    second.join();
+    EXPECT_TRUE(sameA && sameB) << round;
+  }
+}
+
+TEST_F(SimulatorTest, RemovalDeletesTheMovieFromTheDrive) {
+  ASSERT_EQ(fs().GetInfo("trk://1-Gone").type, zeb::IFileSystem::kTypeFile);
+  EXPECT_TRUE(fs().RemoveFile("trk://1-Gone"));
+  EXPECT_FALSE(zeb::fileSystem()->FileExists((sim() / "1-Gone.dat").c_str()));
+  EXPECT_EQ(fs().GetInfo("trk://1-Gone").type, zeb::IFileSystem::kTypeNone);  // refreshed
+  EXPECT_FALSE(fs().RemoveFile("trk://1-Gone"));
+  // 5-Big moved one place up in the list; its frames follow the refreshed
+  // cache, up to the last one beyond 4 GiB.
+  zeb::trk::CTrkImagerFile file;
+  ASSERT_TRUE(file.Open(&fs(), "trk://5-Big", 0));
+  EXPECT_EQ(file.nFrames(), kBigFrames);
+  std::vector<unsigned short> pixels(kBigWidth * kBigHeight);
+  unsigned char preset = 0;
+  zeb::reduce::CReduceObjectArray objects;
+  ASSERT_TRUE(file.GetFrame(pixels.data(), kBigFrames - 1, preset, objects));
+  const std::vector<unsigned char> tail = BigTail();
+  EXPECT_EQ(std::memcmp(pixels.data(), tail.data() + tail.size() - kBigFrameBytes, kBigFrameBytes), 0);
+}
+
+}  // namespace
