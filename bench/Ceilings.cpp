@@ -82,4 +82,9 @@ WirePattern DetectDrivePattern() {
   return WirePattern::ForExchange(WirePattern::WriteDetectDriveRequest, WirePattern::DetectDriveResponse());
 }
 
+WirePattern GetMovieInfoPattern() {
+  return WirePattern::ForExchange([](TinyMsgPackWriter& w) { WirePattern::WriteGetMovieInfoRequest(w, 500); },
+                                  WirePattern::GetMovieInfoResponse(500));
+}
+
 }  // namespace bench

@@ -31,5 +31,7 @@ void RawPattern(benchmark::State& state, const WirePattern& pattern);
 WirePattern ReadFramePattern();
 // DetectDrive answered {"result": {"detected": true}}.
 WirePattern DetectDrivePattern();
+// GetMovieInfo(500) answered as for movie 500 of a listing drive.
+WirePattern GetMovieInfoPattern();
 
 }  // namespace bench

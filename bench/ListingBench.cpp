@@ -9,6 +9,9 @@
 //                         framework calls: name, path and the 7 properties.
 //  Trk/FormatName         one movie file name formatted and compared.
 //  Trk/ListMovies         one STrkInterfaceData::ListMovies (cache refresh).
+//  Trk/GetMovieInfo       one CTrkClient::GetMovieInfo round trip on a client
+//                         of its own (the refresh makes one per movie).
+//  Ceiling/RawGetMovieInfo  the same exchange replayed raw (Ceilings.h).
 //
 // The counter "movies" is the number of cached movies, so per-movie figures
 // are the time divided by it.
@@ -24,6 +27,8 @@
 #include <zeb/Numbers.h>
 #include <zeb/Path.h>
 
+#include "bench/Ceilings.h"
+#include "client/CTrkClient.h"
 #include "client/STrkMovieInfo.h"
 #include "trk/CTrkInterface.h"
 #include "trk/STrkInterfaceData.h"
@@ -137,12 +142,33 @@ void ListMovies(benchmark::State& state) {
   state.counters["movies"] = double(CachedMovies().size());
 }
 
+void GetMovieInfo(benchmark::State& state) {
+  CTrkClient client;
+  unsigned count = 0;
+  if (!client.Connect() || !client.ListMovies(count) || count == 0) {
+    state.SkipWithError("the simulator does not answer, or lists no movie");
+    return;
+  }
+  unsigned index = 0;
+  for (auto _ : state) {
+    STrkMovieInfo info{};
+    if (!client.GetMovieInfo(index, &info)) {
+      state.SkipWithError("GetMovieInfo failed");
+      break;
+    }
+    index = index + 1 == count ? 0 : index + 1;
+  }
+}
+
 void Register() {
   benchmark::RegisterBenchmark("Trk/Listing", Listing)->UseRealTime();
   benchmark::RegisterBenchmark("Trk/GetInfoLast", GetInfoLast)->UseRealTime();
   benchmark::RegisterBenchmark("Trk/FormatEntryTexts", FormatEntryTexts)->UseRealTime();
   benchmark::RegisterBenchmark("Trk/FormatName", FormatName)->UseRealTime();
   benchmark::RegisterBenchmark("Trk/ListMovies", ListMovies)->UseRealTime();
+  benchmark::RegisterBenchmark("Trk/GetMovieInfo", GetMovieInfo)->UseRealTime();
+  benchmark::RegisterBenchmark("Ceiling/RawGetMovieInfo", bench::RawPattern, bench::GetMovieInfoPattern())
+      ->UseRealTime();
 }
 
 const bool registered = (Register(), true);

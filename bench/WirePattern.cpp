@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string>
 
 #include "msgpack/MemoryStream.h"
 #include "msgpack/Stream.h"
@@ -95,6 +96,40 @@ void WirePattern::WriteReadFrameRequest(TinyMsgPackWriter& w, unsigned fileId, u
   w.WritePosInteger(fileId);
   w.WriteString("frameNumber", size_t(-1));
   w.WritePosInteger(frame);
+}
+
+void WirePattern::WriteGetMovieInfoRequest(TinyMsgPackWriter& w, unsigned index) {
+  w.StartMap(3);
+  w.WriteString("act", size_t(-1));
+  w.WriteString("exec", size_t(-1));
+  w.WriteString("ord", size_t(-1));
+  w.WritePosInteger(2);
+  w.WriteString("params", size_t(-1));
+  w.StartMap(1);
+  w.WriteString("index", size_t(-1));
+  w.WritePosInteger(index);
+}
+
+WirePattern::Bytes WirePattern::GetMovieInfoResponse(unsigned number) {
+  MemoryStream out;
+  TinyMsgPackWriter w(&out);
+  w.StartMap(1);
+  w.WriteString("result", size_t(-1));
+  w.StartMap(1);
+  w.WriteString("info", size_t(-1));
+  w.StartMap(10);
+  std::string name = "Run " + std::to_string(number) + " outdoor";
+  const char* keys[] = {"size", "name", "width", "height", "numFrames", "number", "rtcTime", "startTime", "endTime", "status"};
+  const uint64_t values[] = {1, 0, 8, 8, 2, number, 1714636800, 0x800001ECull, 0x82350000800001ECull, 0};
+  for (int i = 0; i < 10; ++i) {
+    w.WriteString(keys[i], size_t(-1));
+    if (i == 1) {
+      w.WriteString(name);
+    } else {
+      w.WritePosInteger(values[i]);
+    }
+  }
+  return out.bytes();
 }
 
 WirePattern::Bytes WirePattern::DetectDriveResponse() {

@@ -40,10 +40,14 @@ struct WirePattern {
   // One byte each way, one call each: the bare cost of a wake-up pair.
   static WirePattern PingPong();
 
-  // The requests of the two commands measured, and the simulator's answers to
-  // them: {"result": {"detected": true}} and {"result": {}}.
+  // The requests of the commands measured, and the simulator's answers to
+  // them: {"result": {"detected": true}}, {"result": {}} and
+  // {"result": {"info": {...ten keys...}}} for a movie like those of the
+  // listing drives ("<n>-Run <n> outdoor", 8x8, 2 frames).
   static void WriteDetectDriveRequest(TinyMsgPackWriter& w);
   static void WriteReadFrameRequest(TinyMsgPackWriter& w, unsigned fileId, unsigned long frame);
+  static void WriteGetMovieInfoRequest(TinyMsgPackWriter& w, unsigned index);
   static Bytes DetectDriveResponse();
   static Bytes EmptyResultResponse();
+  static Bytes GetMovieInfoResponse(unsigned number);
 };
