@@ -56,7 +56,9 @@ void ResultsReporter::WriteRun(const Run& run) {
     std::fprintf(m_file, "%s\terror=%s\n", name.c_str(), run.error_message.c_str());
     return;
   }
-  std::fprintf(m_file, "%s\t%.6g", name.c_str(), run.GetAdjustedRealTime() * NanosecondsPer(run.time_unit));
+  double unit = NanosecondsPer(run.time_unit);
+  std::fprintf(m_file, "%s\t%.6g\tcpu_ns=%.6g", name.c_str(), run.GetAdjustedRealTime() * unit,
+               run.GetAdjustedCPUTime() * unit);
   for (const auto& counter : run.counters) std::fprintf(m_file, "\t%s=%.6g", counter.first.c_str(), double(counter.second));
   std::fputc('\n', m_file);
 }

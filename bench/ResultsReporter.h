@@ -2,7 +2,8 @@
 // appends one line per result to a plain results file for bench/run's table.
 //
 // A line is: the benchmark's name, a tab, its real time per iteration in
-// nanoseconds, then for each user counter a tab and "name=value". With
+// nanoseconds, a tab and "cpu_ns=" with the CPU time per iteration of the
+// benchmark's thread, then for each user counter a tab and "name=value". With
 // repetitions only the median aggregate is written (under the plain name);
 // without them every run is. Failed runs are written as "name<TAB>error=...".
 //
