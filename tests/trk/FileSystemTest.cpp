@@ -222,20 +222,6 @@ TEST(EmulatorTest, ListingAndLookup) {
   EXPECT_EQ(fs.GetInfo("/missing").type, 0x80000000u);
 }
 
-TEST(EmulatorTest, StoresAreReusedAndTheRawFileNotReopened) {
-  trktest::EmulatorHome home;
-  ASSERT_TRUE(home.WriteRaw("12-Run A", 4, 2, 3));
-  zeb::trk::CTrkInterface fs;
-  ASSERT_EQ(Names(fs.GetDirectoryListing("/", "")), std::vector<std::string>{"12-Run A"});
-  // Unreadable data from now on: only the store can still describe it.
-  ASSERT_EQ(chmod((home / "12-Run A.info").c_str(), 0), 0);
-  ASSERT_TRUE(testsupport::WriteFile(home / "12-Run A.dat", "garbage"));
-  const IFileSystem::CDirectoryListing again = fs.GetDirectoryListing("/", "");
-  ASSERT_EQ(Names(again), std::vector<std::string>{"12-Run A"});
-  EXPECT_EQ(Prop(again.entries[0], "width"), "4");
-  EXPECT_EQ(Prop(again.entries[0], "numFrames"), "3");
-}
-
 TEST(EmulatorTest, AnyNonEmptyValueSelectsIt) {
   testsupport::ScopedEnv emulator("ZEBTRK_ENABLE_EMULATOR", "0");
   zeb::trk::CTrkInterface fs;
