@@ -17,6 +17,7 @@
 #include "tests/support/ResourceSnapshot.h"
 #include "tests/trk/TrkTestSupport.h"
 #include "trk/CTrkFile.h"
+#include "trk/CTrkImagerFile.h"
 
 namespace {
 
@@ -84,6 +85,14 @@ class FakeMovies {
     return values;
   }
   std::vector<long long> Frames() const { return Sent(6, "frameNumber"); }
+  // The ordinals of every "exec" request so far, in order.
+  std::vector<long long> Ords() const {
+    std::vector<long long> ords;
+    for (const FakeService::Request& request : m_fake.Requests()) {
+      if (request.act() == "exec") ords.push_back(request.ord());
+    }
+    return ords;
+  }
   size_t Count() const {
     size_t n = 0;
     for (const FakeService::Request& request : m_fake.Requests()) n += request.act() == "exec";
@@ -423,6 +432,35 @@ TEST_F(FileSystemFilesTest, RemovalRefreshesOnceAndCallsEachHandlerOnce) {
   EXPECT_EQ(m_service.Sent(2, "index"), std::vector<long long>({0, 1}));
   EXPECT_EQ(first, 1);
   EXPECT_EQ(second, 1);
+}
+
+TEST_F(FileSystemFilesTest, ImagerFileOpensBothFilesBeforeCheckingEither) {
+  zeb::file::SRawImagerInfo layout;
+  layout.width = 4;
+  layout.height = 2;
+  layout.frames = 5;
+  const std::string text = layout.ToText().c_str();
+  zeb::trk::CTrkImagerFile file;
+
+  m_service.SetInfo({}, true);
+  EXPECT_FALSE(file.Open(&*m_fs, "trk://10-Run", 0));
+  // Information file refused, frame data asked for all the same, then let go.
+  EXPECT_EQ(m_service.Ords(), std::vector<long long>({9, 4, 5}));
+
+  m_service.SetInfo(std::vector<unsigned char>(text.begin(), text.end()), false);
+  ASSERT_TRUE(file.Open(&*m_fs, "trk://10-Run", 0));
+  ASSERT_TRUE(file.Open(&*m_fs, "trk://11-Run", 0));  // closes 10-Run first
+  EXPECT_EQ(m_service.Ords(), std::vector<long long>({9, 4, 5, 9, 4, 5, 9, 4}));
+  EXPECT_EQ(m_service.Sent(5), std::vector<long long>({0, 0}));
+  EXPECT_EQ(m_service.Sent(4), std::vector<long long>({0, 0, 1}));
+
+  std::vector<unsigned char> pixels(16);
+  unsigned char preset = 9;
+  zeb::reduce::CReduceObjectArray objects;
+  ASSERT_TRUE(file.GetFrame(pixels.data(), 3, preset, objects));
+  EXPECT_EQ(pixels, Expected(1, 3 * 16, 16));
+  file.Close();
+  EXPECT_EQ(m_service.Sent(5), std::vector<long long>({0, 0, 1}));
 }
 
 }  // namespace
