@@ -38,6 +38,7 @@ using testsupport::WriteFile;
 const unsigned int kBigWidth = 1280, kBigHeight = 1024, kBigFrames = 1700;
 const long kBigFrameBytes = long{kBigWidth} * kBigHeight * 2;
 const long kBigSize = kBigFrameBytes * kBigFrames;  // 4,456,448,000 bytes
+const long kOtherFrameBytes = 32 * 16 * 2;
 
 // A raw pair on the drive with seeded pixels and time stamps.
 void WriteMovie(const std::string& drive, const char* stem, unsigned int width,
@@ -254,7 +255,6 @@ TEST_F(SimulatorTest, ImagerFactoryOpensMoviesAndReadsEveryFrame) {
 
 TEST_F(SimulatorTest, FilesOfOneMovieSideBySideAndFromTwoThreads) {
   const std::string data = ReadFile(sim() / "4-Other.dat");
-  const long frameBytes = 32 * 16 * 2;
   zeb::TSharedPtr<zeb::IFile> a = fs().OpenFile("trk://4-Other", 0);
   zeb::TSharedPtr<zeb::IFile> b = fs().OpenFile("trk://4-Other", 0);
   ASSERT_TRUE(a && b);
@@ -262,7 +262,7 @@ TEST_F(SimulatorTest, FilesOfOneMovieSideBySideAndFromTwoThreads) {
   std::vector<char> bytes(16);
   for (long frame = 0; frame < 20; ++frame) {
     for (zeb::IFile* file : {a.get(), b.get()}) {
-      const long position = ((file == a.get() ? frame : 19 - frame) * frameBytes) + 100;
+      const long position = ((file == a.get() ? frame : 19 - frame) * kOtherFrameBytes) + 100;
       for (int piece = 0; piece < 2; ++piece) {
         ASSERT_EQ(file->Seek(position + piece * 16, 1), position + piece * 16);
         ASSERT_EQ(file->Read(bytes.data(), 16), 16u);
@@ -272,11 +272,11 @@ TEST_F(SimulatorTest, FilesOfOneMovieSideBySideAndFromTwoThreads) {
   }
   // Two threads, each reading the whole movie in frame-sized pieces that
   // straddle frame boundaries.
-  auto readAll = [&data, frameBytes](zeb::IFile* file, bool* same) {
+  auto readAll = [&data](zeb::IFile* file, bool* same) {
     std::vector<char> whole(data.size());
     file->Seek(0, 1);
     for (long done = 0; done < static_cast<long>(data.size());) {
-      const unsigned int got = file->Read(whole.data() + done, frameBytes / 3 + 1);
+      const unsigned int got = file->Read(whole.data() + done, kOtherFrameBytes / 3 + 1);
       if (got == 0) break;
       done += got;
     }
