@@ -1,7 +1,6 @@
 #include "trk/STrkInterfaceData.h"
 
 #include <chrono>
-#include <exception>
 #include <system_error>
 
 namespace zeb {
