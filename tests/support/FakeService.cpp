@@ -132,7 +132,7 @@ long long FakeService::Request::param(const char* key) const { return PositiveOr
 // --- Reply -----------------------------------------------------------------
 
 FakeService::Reply::Reply(EAction action, std::vector<unsigned char> bytes)
-    : m_action(action), m_bytes(std::move(bytes)), m_closeAfter(SIZE_MAX), m_delay(0) {}
+    : m_action(action), m_bytes(std::move(bytes)), m_closeAfter(SIZE_MAX), m_stall(false), m_delay(0) {}
 
 FakeService::Reply FakeService::Reply::Answer(const TinyMsgPackObject& response) {
   MemoryStream stream;
@@ -158,6 +158,13 @@ FakeService::Reply FakeService::Reply::Never() { return Reply(EAction::kNever, {
 FakeService::Reply FakeService::Reply::CloseAfter(size_t bytes) const {
   Reply reply = *this;
   reply.m_closeAfter = bytes;
+  return reply;
+}
+
+FakeService::Reply FakeService::Reply::StallAfter(size_t bytes) const {
+  Reply reply = *this;
+  reply.m_closeAfter = bytes;
+  reply.m_stall = true;
   return reply;
 }
 
@@ -380,5 +387,10 @@ bool FakeService::Deliver(LocalSocket& socket, const Reply& reply) {
   if (reply.m_action == Reply::EAction::kClose) return false;
   size_t size = std::min(reply.m_bytes.size(), reply.m_closeAfter);
   if (size > 0 && socket.Write(reply.m_bytes.data(), size) != size) return false;
+  if (reply.m_stall) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_changed.wait(lock, stopping);
+    return false;
+  }
   return reply.m_closeAfter == SIZE_MAX;
 }

@@ -13,8 +13,8 @@
 //   3. the handler set with SetHandler;
 //   4. otherwise {"error": "FakeService: no reply scripted"}.
 // A reply is a value to encode, raw bytes (malformed answers), "close the
-// connection now", "close after writing N bytes", "delay then answer" or
-// "never answer until the fake is stopped". A request that does not decode is
+// connection now", "close after writing N bytes", "write N bytes then fall
+// silent", "delay then answer" or "never answer until the fake is stopped". A request that does not decode is
 // recorded as incomplete and its connection closed.
 //
 // Tests that use it run with a private /tmp (the socket path is fixed) and are
@@ -128,6 +128,10 @@ class FakeService {
     Reply CloseAfter(size_t bytes) const;
     // This reply, acted on after `delay` (cut short by Stop).
     Reply Delay(std::chrono::milliseconds delay) const;
+    // This reply, but only its first `bytes` bytes are written; then the
+    // fake falls silent on the connection, which stays open until the fake
+    // stops (a service that hangs in the middle of an answer).
+    Reply StallAfter(size_t bytes) const;
 
    private:
     friend class FakeService;
@@ -137,6 +141,7 @@ class FakeService {
     EAction m_action;
     std::vector<unsigned char> m_bytes;
     size_t m_closeAfter;  // SIZE_MAX: write all and keep the connection
+    bool m_stall;         // after m_closeAfter bytes: wait for Stop, then close
     std::chrono::milliseconds m_delay;
   };
   using Handler = std::function<Reply(const Request&)>;

@@ -41,6 +41,8 @@ std::set<int> OpenDescriptors() {
 
 std::set<std::string> ShmEntries() { return DirectoryNames("/dev/shm"); }
 
+size_t ThreadCount() { return DirectoryNames("/proc/self/task").size(); }
+
 ResourceSnapshot::ResourceSnapshot() : m_fds(OpenDescriptors()), m_shm(ShmEntries()) {}
 
 std::string ResourceSnapshot::Leaks() const {

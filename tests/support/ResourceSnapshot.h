@@ -10,6 +10,7 @@
 // opens or closes descriptors.
 #pragma once
 
+#include <cstddef>
 #include <set>
 #include <string>
 
@@ -20,6 +21,10 @@ std::set<int> OpenDescriptors();
 
 // Names in /dev/shm now.
 std::set<std::string> ShmEntries();
+
+// Threads of this process now (entries of /proc/self/task). A thread that has
+// ended is gone from the count even before it is joined.
+size_t ThreadCount();
 
 class ResourceSnapshot {
  public:
