@@ -7,6 +7,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include <zeb/CAutoLock.h>
 
@@ -94,20 +95,35 @@ bool CTrkClient::Connect() noexcept {
     // LocalSocket::Connect itself does with a socket that is still open.
     m_socket.Disconnect();
     if (!m_socket.Connect(kServiceName)) return false;
-    m_writer.StartMap(2);
-    WriteText("act");
-    WriteText("verCheck");
-    WriteText("ver");
-    m_writer.WritePosInteger(kProtocolVersion);
-    TinyMsgPackObject response = ReadResponse();
-    // Any positive integer is accepted: the value is not compared.
-    PosInteger(Results(response), "ver");
-    m_connected = true;
-    return true;
+    return CheckVersion();
   } catch (...) {
     // m_connected is still false: the client stays Idle.
     return false;
   }
+}
+
+bool CTrkClient::Adopt(LocalSocket&& socket) noexcept {
+  try {
+    zeb::CAutoLock lock(&m_lock);
+    if (m_connected) return true;
+    m_socket = std::move(socket);  // closes a socket left by a failed check
+    return CheckVersion();
+  } catch (...) {
+    return false;
+  }
+}
+
+bool CTrkClient::CheckVersion() {
+  m_writer.StartMap(2);
+  WriteText("act");
+  WriteText("verCheck");
+  WriteText("ver");
+  m_writer.WritePosInteger(kProtocolVersion);
+  TinyMsgPackObject response = ReadResponse();
+  // Any positive integer is accepted: the value is not compared.
+  PosInteger(Results(response), "ver");
+  m_connected = true;
+  return true;
 }
 
 void CTrkClient::Disconnect() noexcept {
@@ -179,7 +195,18 @@ void CTrkClient::WriteParam(const char* key, uint64_t value) {
 }
 
 TinyMsgPackObject CTrkClient::ReadResponse() {
-  TinyMsgPackObject response = m_reader.ReadObject();
+  TinyMsgPackObject response;
+  try {
+    response = m_reader.ReadObject();
+  } catch (...) {
+    // The answer was not read whole, so its remaining bytes (or the bytes a
+    // refused count announced) are still on the stream: the next command
+    // would read them, or a later answer, as its own answer, and every answer
+    // after it would belong to the request before. The stream cannot be
+    // resynchronised, so it is closed, as if the service had closed it.
+    m_socket.Disconnect();
+    throw;
+  }
   uint32_t at = response.findKey("error");
   if (at == UINT32_MAX) return response;
   const TinyMsgPackObject& error = response.valueAt(at);

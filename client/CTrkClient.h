@@ -30,6 +30,12 @@
 // an operation waiting for its answer (above all ReadEventQueue) blocks every
 // other operation on the same client, Disconnect included. There is no
 // time-out: a read waits until the service answers or the stream ends.
+//
+// Answers that cannot be read whole (undecodable bytes, a nesting beyond the
+// decoder's bound, a count that cannot be allocated, a stream that ends
+// inside the answer) close the socket: the rest of such an answer stays on
+// the stream, where the next command would take it, or a later answer, for
+// its own. Every later command then fails as after a closed stream.
 #pragma once
 
 #include <cstdint>
@@ -63,6 +69,12 @@ class CTrkClient {
   // failed, that socket stays open until Disconnect, destruction or the next
   // Connect.
   bool Connect() noexcept;
+  // Connect over `socket`, an already connected stream, instead of the
+  // service socket: takes it over and runs the same version check. For
+  // tests and fuzzing, which feed the client through a socketpair. A client
+  // that is already Connected returns true and leaves `socket` to the
+  // caller.
+  bool Adopt(LocalSocket&& socket) noexcept;
   // Closes the connection and makes the client Idle. Sends nothing; harmless
   // on a client that never connected. Waits for a running exchange.
   void Disconnect() noexcept;
@@ -133,12 +145,15 @@ class CTrkClient {
   bool Execute(unsigned int ordinal, uint32_t paramCount, WriteParams writeParams,
                ReadResults readResults) noexcept;
 
+  // The version check on the connected m_socket; true: Connected.
+  bool CheckVersion();
   void WriteText(const char* text);
   void WriteParam(const char* key, uint64_t value);
   // Reads one response and applies the "error" rule: throws
   // std::runtime_error with the service's message for a non-nil "error" (the
   // object model's exception when it is not a string, or when the response is
-  // not a map). Returns the response otherwise.
+  // not a map). Returns the response otherwise. A response that cannot be
+  // read whole closes the socket before the exception leaves.
   TinyMsgPackObject ReadResponse();
 
   LocalSocket m_socket;
