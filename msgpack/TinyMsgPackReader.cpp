@@ -100,8 +100,18 @@ bool TinyMsgPackReader::ReadStringItem(size_t lengthWidth, uint32_t length) {
     if (!ReadArgument(lengthWidth, announced)) return false;
     length = static_cast<uint32_t>(announced);
   }
+  // The text's storage is reused from item to item, but not kept for long
+  // texts: a reader lives as long as its connection, and one long text, or
+  // one only announced by a length that the stream never delivers, must not
+  // hold its memory for that long. A failed read gives it back at once; a
+  // long text that arrived gives it back at the next shorter one (every
+  // answer's first key).
+  if (length <= kKeptTextCapacity && m_string.capacity() > kKeptTextCapacity) std::string().swap(m_string);
   m_string.resize(length);
-  if (length && !ReadBytes(reinterpret_cast<unsigned char*>(&m_string[0]), length)) return false;
+  if (length && !ReadBytes(reinterpret_cast<unsigned char*>(&m_string[0]), length)) {
+    std::string().swap(m_string);
+    return false;
+  }
   m_type = TinyMsgPackObject::String;
   return true;
 }

@@ -42,6 +42,9 @@ class TinyMsgPackReader {
   // hostile peer from overflowing the stack of the thread that reads, also a
   // small one, while the protocol itself nests three levels.
   static constexpr uint32_t kMaxDepth = 64;
+  // Text storage kept between items; a longer text's storage is released
+  // once it is no longer needed (see ReadStringItem).
+  static constexpr size_t kKeptTextCapacity = 64 * 1024;
 
   explicit TinyMsgPackReader(Stream* stream);
 
