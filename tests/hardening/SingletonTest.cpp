@@ -1,0 +1,221 @@
+// The process's single file system: built by many threads at once through
+// the C functions and zeb::trk::instance(), then destroyed by the exit
+// handlers while its monitoring thread waits. The singleton lives once per
+// process, so every scenario runs in a child process of its own, which ends
+// through std::exit; the test fails when the child reports a fault, a
+// sanitizer ends it, or its exit does not complete within the limit.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/hardening/HardeningSupport.h"
+#include "trk/zebtrk.h"
+
+namespace hardening {
+namespace {
+
+enum class EService { kAnswering, kSilent, kNone, kBusy };
+
+// --- In the child ----------------------------------------------------------
+
+FakeService* g_fake = nullptr;
+FakeDrive* g_drive = nullptr;
+
+// An exit handler registered before the singleton exists, so it runs after
+// the singleton's destructor: the service outlives the file system.
+void StopService() {
+  delete g_drive;
+  delete g_fake;
+  g_drive = nullptr;
+  g_fake = nullptr;
+}
+
+int Fault(const std::string& what) {
+  std::fprintf(stderr, "child: %s\n", what.c_str());
+  return 2;
+}
+
+std::atomic<int> g_calls(0);
+void CountCall(void*) { ++g_calls; }
+
+// Polls `condition` up to the tests' patience.
+template <class F>
+bool Eventually(F condition) {
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
+long VersionChecks() {
+  long count = 0;
+  for (const Request& request : g_fake->Requests()) count += request.act() == "verCheck";
+  return count;
+}
+
+// Eight threads released at once, each entering through another function;
+// two of them register a handler.
+int ConcurrentFirstCalls(EService service) {
+  constexpr int kThreads = 8;
+  std::atomic<bool> go(false);
+  std::vector<zeb::trk::CTrkInterface*> seen(kThreads, nullptr);
+  std::vector<zebDelegate> handles(kThreads, zebDelegate{});
+  std::vector<int> listed(kThreads, -1);
+  std::vector<std::thread> threads;
+  for (int k = 0; k < kThreads; ++k) {
+    threads.emplace_back([&, k] {
+      while (!go) std::this_thread::yield();
+      switch (k % 4) {
+        case 0:
+          seen[k] = zebtrk_Load();
+          break;
+        case 1:
+          zebtrk_drivePresent();
+          seen[k] = zeb::trk::instance();
+          break;
+        case 2:
+          handles[k] = zebtrk_AddFilesChangedHandler(&CountCall, nullptr);
+          seen[k] = zebtrk_Load();
+          break;
+        default: {
+          zebtrk_DirectoryListing* listing = zebtrk_GetDirectoryListing("trk:///", nullptr);
+          listed[k] = static_cast<int>(listing->entries.size());
+          delete listing;
+          seen[k] = zeb::trk::instance();
+        }
+      }
+    });
+  }
+  go = true;
+  for (std::thread& thread : threads) thread.join();
+
+  for (int k = 0; k < kThreads; ++k) {
+    if (seen[k] == nullptr || seen[k] != seen[0]) return Fault("threads saw different file systems");
+    if (k % 4 == 3 && listed[k] != (service == EService::kNone ? 0 : 2)) return Fault("unexpected listing");
+  }
+  // The host releases its handles whatever happens (two at once).
+  auto release = [&] {
+    std::thread first([&] { zebtrk_RemoveFilesChangedHandler(handles[2]); });
+    std::thread second([&] { zebtrk_RemoveFilesChangedHandler(handles[6]); });
+    first.join();
+    second.join();
+  };
+  if (service == EService::kNone) {
+    release();
+    return 0;
+  }
+  if (g_fake->ConnectionCount() != 2 || VersionChecks() != 2) return Fault("the file system was built twice");
+  if (service == EService::kSilent) {
+    release();
+    return 0;
+  }
+
+  // Each registered handler is called once per refresh; removed from two
+  // threads at once, neither is called again.
+  g_drive->Post(1);
+  if (!Eventually([] { return g_calls == 2; })) return Fault("handlers not called");
+  release();
+  const long reads = g_drive->Count(kReadQueue);
+  g_drive->Post(1);
+  if (!g_drive->WaitFor(kReadQueue, reads + 1)) return Fault("no refresh after the event");
+  if (g_calls != 2) return Fault("a removed handler was called");
+  if (service == EService::kBusy) g_drive->Post(1, 100000);  // exit amid refreshes
+  return 0;
+}
+
+int RunScenario(EService service) {
+  if (service != EService::kNone) {
+    g_fake = new FakeService;
+    g_drive = new FakeDrive(*g_fake);
+    g_drive->SetMovies({{1, "a", 4, 4, 2}, {2, "b", 4, 4, 2}});
+    if (service == EService::kSilent) {
+      g_drive->FaultAlways(kReadQueue, Reply::Never());
+      g_drive->FaultAlways(kDestroyQueue, Reply::Never());
+    }
+    if (!g_fake->Start()) return Fault("the fake service did not start");
+    std::atexit(&StopService);
+  }
+  return ConcurrentFirstCalls(service);
+}
+
+// --- In the test -----------------------------------------------------------
+
+// How long the whole child may take, and its exit alone: the file system
+// gives a silent service a grace period of a few seconds.
+constexpr std::chrono::seconds kChildLimit(60);
+
+// Runs the scenario in a child that ends through std::exit (so the exit
+// handlers destroy the singleton), and expects it to exit with status 0, its
+// exit taking at most kExitLimit.
+void ExpectCleanExit(EService service) {
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  std::fflush(nullptr);
+  const pid_t child = fork();
+  ASSERT_NE(child, -1);
+  if (child == 0) {
+    close(ready[0]);
+    testsupport::ScopedEnv normal("ZEBTRK_ENABLE_EMULATOR", std::nullopt);
+    const int status = RunScenario(service);
+    const char byte = 'x';
+    if (write(ready[1], &byte, 1) != 1) std::_Exit(3);
+    std::exit(status);  // runs the exit handlers: the singleton's destructor
+  }
+  close(ready[1]);
+
+  // The scenario: until the child says it is about to exit (or ends).
+  const auto start = std::chrono::steady_clock::now();
+  auto exitStart = start;
+  bool exiting = false;
+  int status = 0;
+  for (;;) {
+    const pid_t done = waitpid(child, &status, WNOHANG);
+    ASSERT_NE(done, -1);
+    if (done == child) break;
+    const auto now = std::chrono::steady_clock::now();
+    if (!exiting) {
+      char byte;
+      struct timeval zero = {0, 0};
+      fd_set set;
+      FD_ZERO(&set);
+      FD_SET(ready[0], &set);
+      if (select(ready[0] + 1, &set, nullptr, nullptr, &zero) == 1 && read(ready[0], &byte, 1) == 1) {
+        exiting = true;
+        exitStart = now;
+      }
+    }
+    const bool tooLong = now - start > kChildLimit || (exiting && now - exitStart > kExitLimit);
+    if (tooLong) {
+      kill(child, SIGKILL);
+      waitpid(child, &status, 0);
+      close(ready[0]);
+      FAIL() << (exiting ? "the child's exit (the singleton's destruction) hangs" : "the scenario hangs");
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  close(ready[0]);
+  ASSERT_TRUE(WIFEXITED(status)) << "the child died of signal " << WTERMSIG(status);
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "the child reported a fault (see its output)";
+}
+
+TEST(SingletonTest, BuiltOnceByConcurrentFirstCallsAndDestroyedAtExit) { ExpectCleanExit(EService::kAnswering); }
+
+TEST(SingletonTest, ExitWhileTheServiceIsSilent) { ExpectCleanExit(EService::kSilent); }
+
+TEST(SingletonTest, ExitAmidRefreshes) { ExpectCleanExit(EService::kBusy); }
+
+TEST(SingletonTest, BuiltConcurrentlyWithoutAService) { ExpectCleanExit(EService::kNone); }
+
+}  // namespace
+}  // namespace hardening
