@@ -1,7 +1,10 @@
 #!/usr/bin/env python3
-"""Writes the seed corpus of the msgpack fuzz target, fuzz/corpus/msgpack/:
-requests and responses of the service protocol as the plug-in and the service
-exchange them (smallest forms, keys in the order the client writes them).
+"""Writes the seed corpora of the fuzz targets:
+- fuzz/corpus/msgpack/: requests and responses of the service protocol as the
+  plug-in and the service exchange them (smallest forms, keys in the order the
+  client writes them);
+- fuzz/corpus/client/: for every command, the two command choices followed by
+  the service's valid answers (see fuzz/client_fuzz.cpp for the layout).
 
 Run: python3 fuzz/make_seeds.py   (rewrites the seed-* files only)
 """
@@ -10,6 +13,7 @@ import struct
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 OUT = os.path.join(HERE, "corpus", "msgpack")
+CLIENT_OUT = os.path.join(HERE, "corpus", "client")
 
 
 class Bin(bytes):
@@ -88,11 +92,44 @@ SEEDS = {
 }
 
 
+# The client target: command choice (ordinal, or 13 for the version check)
+# and a valid answer to it.
+VERSION = 13
+ANSWERS = {
+    0: {"result": {"detected": True}},
+    1: {"result": {"count": 3}},
+    2: {"result": {"info": INFO}},
+    3: {"result": {"index": 2}},
+    4: {"result": {"mapping": "zebtrksvc-1A2F"}},
+    5: {"result": {}},
+    6: {"error": None, "result": {}},
+    7: {"result": {}},
+    8: {"error": "no drive present"},
+    9: {"result": {"data": Bin(b"[info]\nwidth=640\nheight=480\n")}},
+    10: {"result": {"queueId": 4}},
+    11: {"result": {}},
+    12: {"result": {"event": {"type": 1, "drive": 0}}},
+}
+
+
+def client_seeds():
+    seeds = {}
+    for ordinal, answer in ANSWERS.items():
+        seeds["cmd-%02d" % ordinal] = bytes([ordinal, 1]) + enc(answer) + enc(ANSWERS[1])
+    seeds["version"] = bytes([VERSION, 0]) + enc({"result": {"ver": 0}}) + enc(ANSWERS[0])
+    seeds["version-error"] = bytes([VERSION, 0]) + enc({"error": "version 0 is too old"})
+    return seeds
+
+
 def main():
     os.makedirs(OUT, exist_ok=True)
     for name, value in SEEDS.items():
         with open(os.path.join(OUT, "seed-" + name), "wb") as f:
             f.write(enc(value))
+    os.makedirs(CLIENT_OUT, exist_ok=True)
+    for name, data in client_seeds().items():
+        with open(os.path.join(CLIENT_OUT, "seed-" + name), "wb") as f:
+            f.write(data)
 
 
 if __name__ == "__main__":

@@ -10,84 +10,23 @@
 // (another message, another exception, a sanitizer report, a leak) is a
 // finding.
 //
-// Memory: the decoder trusts announced counts by design, so a five-byte map
-// header can ask for 2^32-1 entries (about 128 GiB). Under ASan such a `new`
-// does not throw but aborts the process, so this target replaces the global
-// operator new/delete with a budgeted version: while an input runs, a request
-// that would take the heap more than the input's budget above where it was
-// throws std::bad_alloc, which the library propagates and cleans up after like
-// any allocation failure. The library itself is built unchanged.
-#include <malloc.h>
-
-#include <atomic>
+// Memory: the decoder trusts announced counts by design; the target runs each
+// input under the heap budget of FuzzHeapBudget.h, so a huge announced count
+// is refused cheaply with std::bad_alloc instead of ending the process.
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <stdexcept>
 #include <vector>
 
+#include "fuzz/FuzzHeapBudget.h"
 #include "msgpack/MemoryStream.h"
 #include "msgpack/TinyMsgPackReader.h"
 #include "msgpack/TinyMsgPackWriter.h"
 
 namespace {
 
-// Heap that one input may use: far more than any real tree of its size needs
-// (an element takes at least one input byte and at most 32 bytes of tree),
-// small enough to keep big announced counts cheap to refuse.
-constexpr int64_t kBaseBudget = int64_t(1) << 20;
-constexpr int64_t kBudgetPerInputByte = 64;
-std::atomic<int64_t> g_live{0};  // bytes handed out by operator new, not yet freed
-std::atomic<bool> g_enforce{false};
-std::atomic<int64_t> g_limit{0};  // g_live may not exceed this while enforced
-
-void* Allocate(size_t size) {
-  if (g_enforce.load(std::memory_order_relaxed) &&
-      (size > size_t(INT64_MAX) || int64_t(size) > g_limit.load(std::memory_order_relaxed) - g_live.load()))
-    throw std::bad_alloc();
-  void* p = std::malloc(size ? size : 1);
-  if (!p) throw std::bad_alloc();
-  g_live += int64_t(malloc_usable_size(p));
-  return p;
-}
-
-void Release(void* p) {
-  if (!p) return;
-  g_live -= int64_t(malloc_usable_size(p));
-  std::free(p);
-}
-
-}  // namespace
-
-void* operator new(size_t size) { return Allocate(size); }
-void* operator new[](size_t size) { return Allocate(size); }
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-  try {
-    return Allocate(size);
-  } catch (...) {
-    return nullptr;
-  }
-}
-void* operator new[](size_t size, const std::nothrow_t& tag) noexcept { return operator new(size, tag); }
-void operator delete(void* p) noexcept { Release(p); }
-void operator delete[](void* p) noexcept { Release(p); }
-void operator delete(void* p, size_t) noexcept { Release(p); }
-void operator delete[](void* p, size_t) noexcept { Release(p); }
-void operator delete(void* p, const std::nothrow_t&) noexcept { Release(p); }
-void operator delete[](void* p, const std::nothrow_t&) noexcept { Release(p); }
-
-namespace {
-
-// While an input runs, its allocations may add up to its budget on top of
-// what was live before (libFuzzer's own corpus and state).
-struct BudgetScope {
-  explicit BudgetScope(size_t inputSize) {
-    g_limit = g_live.load() + kBaseBudget + kBudgetPerInputByte * int64_t(inputSize);
-    g_enforce = true;
-  }
-  ~BudgetScope() { g_enforce = false; }
-};
+using fuzzbudget::BudgetScope;
 
 [[noreturn]] void Finding() { __builtin_trap(); }
 
