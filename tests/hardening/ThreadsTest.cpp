@@ -197,8 +197,9 @@ TEST_F(ThreadsTest, DestroyedWhileTheMonitoringThreadWaitsOrRefreshes) {
   for (bool burst : {false, true}) {
     SCOPED_TRACE(burst ? "during refreshes" : "while waiting");
     if (!m_fs) {
+      const long reads = m_drive->Count(kReadQueue);
       m_fs = MakeFileSystem();
-      ASSERT_TRUE(m_drive->WaitFor(kReadQueue, m_drive->Count(kReadQueue) + 1));
+      ASSERT_TRUE(m_drive->WaitFor(kReadQueue, reads + 1));
     }
     std::vector<std::thread> host;
     for (unsigned int fileId : {0u, 1u}) {
