@@ -119,7 +119,10 @@ bool CTrkClient::CheckVersion() {
   WriteText("verCheck");
   WriteText("ver");
   m_writer.WritePosInteger(kProtocolVersion);
-  TinyMsgPackObject response = ReadResponse();
+  // Any failure leaves the socket open, as designed: the client stays Idle
+  // and reads nothing more from it; the next Connect closes it first.
+  const TinyMsgPackObject response = m_reader.ReadObject();
+  CheckError(response);
   // Any positive integer is accepted: the value is not compared.
   PosInteger(Results(response), "ver");
   m_connected = true;
@@ -177,7 +180,8 @@ bool CTrkClient::Execute(unsigned int ordinal, uint32_t paramCount, WriteParams 
       m_writer.StartMap(paramCount);
       writeParams();
     }
-    TinyMsgPackObject response = ReadResponse();
+    const TinyMsgPackObject response = ReadWholeResponse();
+    CheckError(response);
     return readResults(response);
   } catch (...) {
     // The service's "error", a decoding failure, a broken stream or a
@@ -194,10 +198,9 @@ void CTrkClient::WriteParam(const char* key, uint64_t value) {
   m_writer.WritePosInteger(value);
 }
 
-TinyMsgPackObject CTrkClient::ReadResponse() {
-  TinyMsgPackObject response;
+TinyMsgPackObject CTrkClient::ReadWholeResponse() {
   try {
-    response = m_reader.ReadObject();
+    return m_reader.ReadObject();
   } catch (...) {
     // The answer was not read whole, so its remaining bytes (or the bytes a
     // refused count announced) are still on the stream: the next command
@@ -207,10 +210,13 @@ TinyMsgPackObject CTrkClient::ReadResponse() {
     m_socket.Disconnect();
     throw;
   }
+}
+
+void CTrkClient::CheckError(const TinyMsgPackObject& response) {
   uint32_t at = response.findKey("error");
-  if (at == UINT32_MAX) return response;
+  if (at == UINT32_MAX) return;
   const TinyMsgPackObject& error = response.valueAt(at);
-  if (error.type() == TinyMsgPackObject::Nil) return response;
+  if (error.type() == TinyMsgPackObject::Nil) return;
   const char* message = error.stringValue();
   throw std::runtime_error(std::string(message, error.size()));
 }

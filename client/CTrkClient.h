@@ -31,11 +31,12 @@
 // other operation on the same client, Disconnect included. There is no
 // time-out: a read waits until the service answers or the stream ends.
 //
-// Answers that cannot be read whole (undecodable bytes, a nesting beyond the
-// decoder's bound, a count that cannot be allocated, a stream that ends
-// inside the answer) close the socket: the rest of such an answer stays on
-// the stream, where the next command would take it, or a later answer, for
-// its own. Every later command then fails as after a closed stream.
+// Answers to commands that cannot be read whole (undecodable bytes, a
+// nesting beyond the decoder's bound, a count that cannot be allocated, a
+// stream that ends inside the answer) close the socket: the rest of such an
+// answer stays on the stream, where the next command would take it, or a
+// later answer, for its own. Every later command then fails as after a
+// closed stream.
 #pragma once
 
 #include <cstdint>
@@ -149,12 +150,13 @@ class CTrkClient {
   bool CheckVersion();
   void WriteText(const char* text);
   void WriteParam(const char* key, uint64_t value);
-  // Reads one response and applies the "error" rule: throws
-  // std::runtime_error with the service's message for a non-nil "error" (the
-  // object model's exception when it is not a string, or when the response is
-  // not a map). Returns the response otherwise. A response that cannot be
-  // read whole closes the socket before the exception leaves.
-  TinyMsgPackObject ReadResponse();
+  // Reads one whole response of a command. One that cannot be read whole
+  // closes the socket before the reader's exception leaves.
+  TinyMsgPackObject ReadWholeResponse();
+  // The "error" rule: throws std::runtime_error with the service's message
+  // for a non-nil "error" (the object model's exception when it is not a
+  // string, or when the response is not a map); returns otherwise.
+  static void CheckError(const TinyMsgPackObject& response);
 
   LocalSocket m_socket;
   zeb::CCriticalSection m_lock;

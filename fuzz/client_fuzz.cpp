@@ -9,10 +9,11 @@
 //
 // Every command must return true or false and never crash, throw or leak
 // (memory: LeakSanitizer; descriptors: the client's end must be closed once
-// the client is gone). The stream must never be left out of step: after each
-// exchange the client's socket is either closed or has consumed exactly one
-// whole value (the version check's or the command's answer), so no command
-// can take another's answer.
+// the client is gone). The stream of a connected client must never be left
+// out of step: after each exchange its socket is either closed or has
+// consumed exactly one whole value (the version check's or the command's
+// answer), so no command can take another's answer. A client whose version
+// check failed is Idle and must read nothing more.
 //
 // Memory: every input runs under the heap budget of FuzzHeapBudget.h.
 #include <fcntl.h>
@@ -118,15 +119,12 @@ void Run(CTrkClient& client, unsigned int command) {
 }
 
 // After an exchange: the client's end is closed, or it has read exactly the
-// next whole value of `stream` (or nothing, when `exchanged` is false),
-// which `consumed` then moves past.
-void CheckInStep(int fd, const std::vector<unsigned char>& stream, size_t& consumed, bool exchanged) {
+// next whole value of `stream`, which `consumed` then moves past.
+void CheckInStep(int fd, const std::vector<unsigned char>& stream, size_t& consumed) {
   if (!IsOpen(fd)) return;
-  if (exchanged) {
-    const size_t length = ValueLength(stream, consumed);
-    if (length == 0) Finding();  // the client read something that is no value
-    consumed += length;
-  }
+  const size_t length = ValueLength(stream, consumed);
+  if (length == 0) Finding();  // the client read something that is no value
+  consumed += length;
   if (Unread(fd) != stream.size() - consumed) Finding();
 }
 
@@ -152,11 +150,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CTrkClient client;
     size_t consumed = 0;
     const bool connected = client.Adopt(LocalSocket(ends[0]));
-    CheckInStep(ends[0], stream, consumed, true);
+    // A failed version check leaves the client Idle with its socket as it
+    // is (designed so); an Idle client then reads nothing at all.
+    if (connected) CheckInStep(ends[0], stream, consumed);
+    const size_t idleUnread = !connected && IsOpen(ends[0]) ? Unread(ends[0]) : 0;
     for (unsigned int command : {first, second}) {
       if (command == kCommands) command = 0;
       Run(client, command);
-      CheckInStep(ends[0], stream, consumed, connected);
+      if (connected) {
+        CheckInStep(ends[0], stream, consumed);
+      } else if (IsOpen(ends[0]) && Unread(ends[0]) != idleUnread) {
+        Finding();
+      }
     }
   }
   if (IsOpen(ends[0])) Finding();  // the client left its descriptor open
