@@ -108,25 +108,79 @@ TEST_F(ServiceTest, FramesArriveInTheSegmentAsTheDataFileHoldsThem) {
   EXPECT_EQ(client.Error(Exec(kCloseMovie, {{"fileId", movie}})), "movie 1 is not open on this connection");
 }
 
-TEST_F(ServiceTest, TwoOpeningsOfOneMovieBothHoldTheFrameAndCloseOldestFirst) {
+// Two files of one movie in one client share its connection, and the
+// protocol names both by the same fileId: whichever closes first, the other
+// must go on reading right frames.
+TEST_F(ServiceTest, OpeningsOfOneMovieShareOneSegmentUntilTheLastCloses) {
   ServiceClient client;
   ASSERT_TRUE(client.Connect());
   const uint64_t frameBytes = FrameBytes(0);
-  const std::string first = client.Result(Exec(kOpenMovie, {{"fileId", 0}})).valueForKey("mapping").stringValue();
-  const std::string second = client.Result(Exec(kOpenMovie, {{"fileId", 0}})).valueForKey("mapping").stringValue();
-  ASSERT_NE(first, second);
-  CSharedMemory a, b;
-  ASSERT_TRUE(a.Open(first.c_str()));
-  ASSERT_TRUE(b.Open(second.c_str()));
+  const std::string older = client.Result(Exec(kOpenMovie, {{"fileId", 0}})).valueForKey("mapping").stringValue();
+  const std::string newer = client.Result(Exec(kOpenMovie, {{"fileId", 0}})).valueForKey("mapping").stringValue();
+  EXPECT_EQ(newer, older);
+  EXPECT_EQ(Segments(), std::set<std::string>{older});
+  CSharedMemory segment;
+  ASSERT_TRUE(segment.Open(older.c_str()));
   ASSERT_EQ(client.Error(Exec(kReadFrame, {{"fileId", 0}, {"frameNumber", 4}})), "");
-  const std::string expected = FileBytes(DataPath(0), 4 * frameBytes, frameBytes);
-  EXPECT_TRUE(SegmentHolds(a, expected));
-  EXPECT_TRUE(SegmentHolds(b, expected));
+  EXPECT_TRUE(SegmentHolds(segment, FileBytes(DataPath(0), 4 * frameBytes, frameBytes)));
 
+  ASSERT_EQ(client.Error(Exec(kCloseMovie, {{"fileId", 0}})), "");  // the newer file goes
+  EXPECT_EQ(Segments(), std::set<std::string>{older});
+  for (uint64_t frame : {uint64_t{7}, uint64_t{0}, uint64_t{kFrames - 1}}) {
+    SCOPED_TRACE(frame);
+    ASSERT_EQ(client.Error(Exec(kReadFrame, {{"fileId", 0}, {"frameNumber", frame}})), "");
+    EXPECT_TRUE(SegmentHolds(segment, FileBytes(DataPath(0), frame * frameBytes, frameBytes)));
+  }
   ASSERT_EQ(client.Error(Exec(kCloseMovie, {{"fileId", 0}})), "");
-  EXPECT_EQ(Segments(), std::set<std::string>{second});
-  EXPECT_EQ(client.Error(Exec(kReadFrame, {{"fileId", 0}, {"frameNumber", 7}})), "");
-  EXPECT_TRUE(SegmentHolds(b, FileBytes(DataPath(0), 7 * frameBytes, frameBytes)));
+  EXPECT_TRUE(Segments().empty());
+  EXPECT_EQ(client.Error(Exec(kCloseMovie, {{"fileId", 0}})), "movie 0 is not open on this connection");
+}
+
+// When the list shifts between two openings of one position, the position
+// names two movies: each keeps its own segment and gets its own frames as far
+// as it reaches, and both live until the position's last opening closes (the
+// service cannot tell whose file a CloseMovie ends).
+TEST_F(ServiceTest, APositionThatNamesAnotherMovieMeanwhileServesBoth) {
+  ServiceClient client;
+  ASSERT_TRUE(client.Connect());
+  const std::string before = client.Result(Exec(kOpenMovie, {{"fileId", 1}})).valueForKey("mapping").stringValue();
+  // A longer movie listed right after the first takes position 1.
+  const std::string number = std::to_string(m_plan[0].number);
+  const ToolRun added = RunTool({"make-movie", m_drive, "--width", "64", "--height", "48", "--frames", "20",
+                                 "--number", number, "--name", "Zz Late"},
+                                m_scratch.path());
+  ASSERT_EQ(added.status, 0) << added.err;
+  ASSERT_TRUE(WaitUntil([&] { return Field(client.Result(Exec(kListMovies)), "count") == kMovies + 1; }));
+  ASSERT_STREQ(client.Result(Exec(kGetMovieInfo, {{"index", 1}})).valueForKey("info").valueForKey("name").stringValue(),
+               "Zz Late");
+  const std::string after = client.Result(Exec(kOpenMovie, {{"fileId", 1}})).valueForKey("mapping").stringValue();
+  ASSERT_NE(after, before);
+  const std::string addedPath = m_drive + "/" + number + "-Zz Late.dat";
+  const uint64_t addedBytes = 64 * 48 * 2;
+  CSharedMemory first, second;
+  ASSERT_TRUE(first.Open(before.c_str()));
+  ASSERT_TRUE(second.Open(after.c_str()));
+  EXPECT_EQ(first.size(), FrameBytes(1));
+  EXPECT_EQ(second.size(), addedBytes);
+
+  struct Step {
+    uint64_t frame;
+    int closesBefore;     // CloseMovie calls sent before the read
+    uint64_t firstHolds;  // the frame that the first movie's segment holds after it
+  };
+  const Step steps[] = {{3, 0, 3}, {15, 0, 3}, {5, 1, 5}};  // 15: past the first movie's 12 frames
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.frame);
+    for (int i = 0; i < step.closesBefore; ++i) ASSERT_EQ(client.Error(Exec(kCloseMovie, {{"fileId", 1}})), "");
+    ASSERT_EQ(client.Error(Exec(kReadFrame, {{"fileId", 1}, {"frameNumber", step.frame}})), "");
+    EXPECT_TRUE(SegmentHolds(first, FileBytes(DataPath(1), step.firstHolds * FrameBytes(1), FrameBytes(1))));
+    EXPECT_TRUE(SegmentHolds(second, FileBytes(addedPath, step.frame * addedBytes, addedBytes)));
+    EXPECT_EQ(Segments(), (std::set<std::string>{before, after}));
+  }
+  EXPECT_EQ(client.Error(Exec(kReadFrame, {{"fileId", 1}, {"frameNumber", 20}})),
+            "frame 20 is past the end of movie 1 (20 frames)");
+  ASSERT_EQ(client.Error(Exec(kCloseMovie, {{"fileId", 1}})), "");
+  EXPECT_TRUE(Segments().empty());
 }
 
 TEST_F(ServiceTest, FaultsAreAnsweredWithAnErrorAndTheConnectionGoesOn) {

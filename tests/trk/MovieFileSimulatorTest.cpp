@@ -2,7 +2,8 @@
 // bytes read equal the drive's data files, information files equal the
 // drive's, a movie beyond 4 GiB reads right at its end, the imager file
 // factory opens movies and reads every frame with its time stamp, and files
-// of one movie read side by side and from two threads.
+// of one movie read side by side, from two threads and after one of them is
+// gone.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -290,6 +291,28 @@ TEST_F(SimulatorTest, FilesOfOneMovieSideBySideAndFromTwoThreads) {
     second.join();
     EXPECT_TRUE(sameA && sameB) << round;
   }
+}
+
+// The two files share the file system's connection, where the service cannot
+// tell their openings apart: closing the newer must leave the older reading
+// right frames, not a segment that nobody fills any more.
+TEST_F(SimulatorTest, OlderFileOfAMovieReadsOnAfterTheNewerIsDestroyed) {
+  const std::string data = ReadFile(sim() / "4-Other.dat");
+  zeb::TSharedPtr<zeb::IFile> older = fs().OpenFile("trk://4-Other", 0);
+  zeb::TSharedPtr<zeb::IFile> newer = fs().OpenFile("trk://4-Other", 0);
+  ASSERT_TRUE(older && newer);
+  std::vector<char> bytes(kOtherFrameBytes);
+  auto readFrame = [&](zeb::IFile& file, long frame) {
+    file.Seek(frame * kOtherFrameBytes, 1);
+    return file.Read(bytes.data(), kOtherFrameBytes) == kOtherFrameBytes &&
+           std::string(bytes.data(), kOtherFrameBytes) == data.substr(frame * kOtherFrameBytes, kOtherFrameBytes);
+  };
+  for (long frame = 0; frame < 6; ++frame) {
+    ASSERT_TRUE(readFrame(*older, frame)) << frame;
+    ASSERT_TRUE(readFrame(*newer, 19 - frame)) << frame;
+  }
+  newer.reset();  // closes its movie on the service
+  for (long frame = 0; frame < 20; ++frame) EXPECT_TRUE(readFrame(*older, (frame * 7) % 20)) << frame;
 }
 
 TEST_F(SimulatorTest, RemovalDeletesTheMovieFromTheDrive) {

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <new>
@@ -97,6 +98,17 @@ std::string ReadAt(int fd, void* into, uint64_t size, uint64_t offset) {
   return std::string();
 }
 
+// True when `pinned` was opened from the data file that `listed` describes
+// and reads it with the same layout, so that an opening of `listed` can share
+// its segment. The pinned descriptor keeps the inode alive, so device and
+// inode cannot have passed to another file; the layout is compared because
+// an information file rewritten in place gives the same data file other
+// dimensions.
+bool SameMovie(const Movie& pinned, const Movie& listed) {
+  return pinned.device == listed.device && pinned.inode == listed.inode && pinned.width == listed.width &&
+         pinned.height == listed.height && pinned.frames == listed.frames;
+}
+
 }  // namespace
 
 Connection::Connection(LocalSocket socket, unsigned id, MovieCatalog& catalog, EventHub& hub)
@@ -144,7 +156,9 @@ void Connection::Run() {
 }
 
 void Connection::Release() {
-  if (!m_openings.empty()) Logf("connection %u: releasing %zu open movie(s)", m_id, m_openings.size());
+  size_t segments = 0;
+  for (const auto& opening : m_openings) segments += opening.second.movies.size();
+  if (segments > 0) Logf("connection %u: releasing %zu open movie segment(s)", m_id, segments);
   m_openings.clear();  // unmaps and removes each segment, closes each data file
   m_hub.DestroyOwnedBy(this);
 }
@@ -291,77 +305,117 @@ void Connection::GetMovieIndex(const Request& request, TinyMsgPackWriter& out) {
   out.WritePosInteger(found);
 }
 
-void Connection::OpenMovie(const Request& request, TinyMsgPackWriter& out) {
-  const uint64_t fileId = RequireUnsigned(request, request.fileId, "fileId");
-  auto opening = std::make_unique<Opening>();
-  opening->fileId = fileId;
-  opening->movie = MovieAt(*m_catalog.snapshot(), fileId);
-  opening->data.reset(open(opening->movie.dataPath.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!opening->data.valid()) {
+std::unique_ptr<Connection::PinnedMovie> Connection::Pin(const Movie& movie, uint64_t fileId) {
+  auto pinned = std::make_unique<PinnedMovie>();
+  pinned->movie = movie;
+  pinned->data.reset(open(movie.dataPath.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!pinned->data.valid()) {
     throw RequestError(strprintf("cannot open movie %llu: %s", Ull(fileId), std::strerror(errno)));
   }
   // The pinned file must still be the listed one (not replaced meanwhile),
   // or frames would be read with another movie's dimensions.
   struct stat status;
-  if (fstat(opening->data.get(), &status) != 0 || status.st_dev != opening->movie.device ||
-      status.st_ino != opening->movie.inode) {
+  if (fstat(pinned->data.get(), &status) != 0 || status.st_dev != movie.device || status.st_ino != movie.inode) {
     throw RequestError(strprintf("cannot open movie %llu: it changed on the drive", Ull(fileId)));
   }
   // Frames are copied out of a mapping of the data file (see FileMapping);
   // where the file cannot be mapped they are read with pread instead.
-  opening->mapping.Map(opening->data.get(), static_cast<uint64_t>(status.st_size));
-  if (!opening->segment.CreateRandom(kSegmentPrefix, opening->movie.frameBytes())) {
+  pinned->mapping.Map(pinned->data.get(), static_cast<uint64_t>(status.st_size));
+  if (!pinned->segment.CreateRandom(kSegmentPrefix, movie.frameBytes())) {
     throw RequestError(strprintf("cannot make a shared memory segment for movie %llu: %s", Ull(fileId),
                                  std::strerror(errno)));
   }
-  Logf("connection %u: opened movie %llu \"%s\" in segment %s", m_id, Ull(fileId),
-       opening->movie.stem.c_str(), opening->segment.name().c_str());
+  return pinned;
+}
+
+void Connection::OpenMovie(const Request& request, TinyMsgPackWriter& out) {
+  const uint64_t fileId = RequireUnsigned(request, request.fileId, "fileId");
+  const std::shared_ptr<const MovieCatalog::Snapshot> snapshot = m_catalog.snapshot();
+  const Movie& listed = MovieAt(*snapshot, fileId);
+  const auto found = m_openings.find(fileId);
+  if (found != m_openings.end()) {
+    for (const auto& pinned : found->second.movies) {
+      if (!SameMovie(pinned->movie, listed)) continue;
+      StartResult(out, 1);
+      WriteKey(out, "mapping");
+      out.WriteString(pinned->segment.name());
+      ++found->second.references;
+      Logf("connection %u: opened movie %llu \"%s\" again, in segment %s (%llu openings)", m_id, Ull(fileId),
+           listed.stem.c_str(), pinned->segment.name().c_str(), Ull(found->second.references));
+      return;
+    }
+  }
+  // A movie not open under this fileId yet (or no longer the one that the
+  // fileId named when it was opened before): a segment of its own. The answer
+  // is written before anything is kept, so a failure leaves nothing behind.
+  std::unique_ptr<PinnedMovie> pinned = Pin(listed, fileId);
   StartResult(out, 1);
   WriteKey(out, "mapping");
-  out.WriteString(opening->segment.name());
-  m_openings.push_back(std::move(opening));
+  out.WriteString(pinned->segment.name());
+  Logf("connection %u: opened movie %llu \"%s\" in segment %s", m_id, Ull(fileId), listed.stem.c_str(),
+       pinned->segment.name().c_str());
+  const auto [opening, made] = m_openings.try_emplace(fileId);
+  try {
+    opening->second.movies.push_back(std::move(pinned));
+  } catch (...) {
+    if (made) m_openings.erase(opening);
+    throw;
+  }
+  ++opening->second.references;
 }
 
 void Connection::CloseMovie(const Request& request, TinyMsgPackWriter& out) {
   const uint64_t fileId = RequireUnsigned(request, request.fileId, "fileId");
-  for (auto it = m_openings.begin(); it != m_openings.end(); ++it) {
-    if ((*it)->fileId != fileId) continue;
-    Logf("connection %u: closed movie %llu (segment %s)", m_id, Ull(fileId), (*it)->segment.name().c_str());
-    m_openings.erase(it);  // the oldest opening of this fileId
-    StartResult(out, 0);
+  const auto found = m_openings.find(fileId);
+  if (found == m_openings.end()) {
+    throw RequestError(strprintf("movie %llu is not open on this connection", Ull(fileId)));
+  }
+  StartResult(out, 0);
+  Opening& opening = found->second;
+  if (--opening.references > 0) {
+    Logf("connection %u: closed movie %llu (%llu openings left)", m_id, Ull(fileId), Ull(opening.references));
     return;
   }
-  throw RequestError(strprintf("movie %llu is not open on this connection", Ull(fileId)));
+  for (const auto& pinned : opening.movies) {
+    Logf("connection %u: closed movie %llu (segment %s)", m_id, Ull(fileId), pinned->segment.name().c_str());
+  }
+  m_openings.erase(found);  // unmaps and removes the segments, closes the data files
 }
 
-void Connection::ReadFrame(const Request& request, TinyMsgPackWriter& out) {
-  const uint64_t fileId = RequireUnsigned(request, request.fileId, "fileId");
-  const uint64_t frame = RequireUnsigned(request, request.frameNumber, "frameNumber");
-  Opening* target = nullptr;
-  for (auto it = m_openings.rbegin(); it != m_openings.rend() && !target; ++it) {
-    if ((*it)->fileId == fileId) target = it->get();
-  }
-  if (!target) throw RequestError(strprintf("movie %llu is not open on this connection", Ull(fileId)));
-  const Movie& movie = target->movie;
-  if (frame >= movie.frames) {
-    throw RequestError(strprintf("frame %llu is past the end of movie %llu (%u frames)", Ull(frame),
-                                 Ull(fileId), movie.frames));
-  }
+void Connection::Fill(PinnedMovie& pinned, uint64_t fileId, uint64_t frame) {
+  const Movie& movie = pinned.movie;
   // Straight from the file into the segment: no buffer in between.
   const std::string failure =
-      target->mapping.mapped()
-          ? target->mapping.CopyOut(target->segment.data(), movie.frameBytes(), movie.frameOffset(frame))
-          : ReadAt(target->data.get(), target->segment.data(), movie.frameBytes(), movie.frameOffset(frame));
+      pinned.mapping.mapped()
+          ? pinned.mapping.CopyOut(pinned.segment.data(), movie.frameBytes(), movie.frameOffset(frame))
+          : ReadAt(pinned.data.get(), pinned.segment.data(), movie.frameBytes(), movie.frameOffset(frame));
   if (!failure.empty()) {
     throw RequestError(
         strprintf("cannot read frame %llu of movie %llu: %s", Ull(frame), Ull(fileId), failure.c_str()));
   }
-  for (const auto& other : m_openings) {
-    if (other.get() == target || other->fileId != fileId || other->movie.inode != movie.inode ||
-        other->movie.device != movie.device) {
-      continue;
-    }
-    std::memcpy(other->segment.data(), target->segment.data(), movie.frameBytes());
+}
+
+// With one movie under the fileId (the usual case) this is one copy into
+// one segment. With several, each segment gets the frame of its own movie, as
+// far as that movie reaches: the request cannot say whose file asked, and a
+// file asks only for frames of its own movie. The frame is past the end only
+// when it is past the end of all of them.
+void Connection::ReadFrame(const Request& request, TinyMsgPackWriter& out) {
+  const uint64_t fileId = RequireUnsigned(request, request.fileId, "fileId");
+  const uint64_t frame = RequireUnsigned(request, request.frameNumber, "frameNumber");
+  const auto found = m_openings.find(fileId);
+  if (found == m_openings.end()) {
+    throw RequestError(strprintf("movie %llu is not open on this connection", Ull(fileId)));
+  }
+  const std::vector<std::unique_ptr<PinnedMovie>>& movies = found->second.movies;
+  uint32_t frames = 0;
+  for (const auto& pinned : movies) frames = std::max(frames, pinned->movie.frames);
+  if (frame >= frames) {
+    throw RequestError(strprintf("frame %llu is past the end of movie %llu (%u frames)", Ull(frame),
+                                 Ull(fileId), frames));
+  }
+  for (auto it = movies.rbegin(); it != movies.rend(); ++it) {
+    if (frame < (*it)->movie.frames) Fill(**it, fileId, frame);
   }
   StartResult(out, 0);
 }

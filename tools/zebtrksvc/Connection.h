@@ -1,6 +1,6 @@
 // Connection: serves one client of the movie service: reads its requests one
 // after another, answers each with one map written in one piece, and owns the
-// client's open movies (a shared memory segment per opening) and its event
+// client's open movies (a shared memory segment per open movie) and its event
 // queues.
 //
 // Requests are decoded straight from the socket (RequestReader); a request
@@ -10,12 +10,18 @@
 // connection goes on. When the client goes away (or the service stops) the
 // connection releases its segments and destroys its event queues.
 //
-// Open movies: every OpenMovie makes a new segment of one frame and pins the
-// movie's data file, so reads go on from the same file even when the movie
-// list changes or the movie is deleted meanwhile. ReadFrame serves the newest
-// opening of its fileId and also fills the other openings of the same movie
-// under that fileId (the protocol cannot tell them apart); CloseMovie releases
-// the oldest opening of its fileId.
+// Open movies: the protocol names an opening only by its fileId, so the
+// openings of one fileId on a connection (two files of one movie in one
+// client) cannot be told apart, and they share: OpenMovie of a fileId already
+// open here answers the same one-frame segment, ReadFrame fills it once,
+// CloseMovie drops one reference and the segment goes with the last. An
+// opening pins the movie's data file, so reads go on from the same file even
+// when the movie list changes or the movie is deleted meanwhile. When the
+// fileId names another movie by the time it is opened again (the list
+// shifted), that movie gets a segment of its own beside the first, and
+// ReadFrame fills each movie's segment from its own file: the files of both
+// read right frames. All of a fileId's segments live until its last opening
+// closes, since a CloseMovie cannot say whose file it ends.
 //
 // Threads: the connection runs its own thread (Start .. Join). Stop may be
 // called from any thread: it shuts the socket down, which ends a receive or
@@ -24,6 +30,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -67,12 +74,19 @@ class Connection {
   bool finished() const { return m_finished; }
 
  private:
-  struct Opening {
-    uint64_t fileId = 0;
+  // One movie open under a fileId: its pinned data file and its segment.
+  struct PinnedMovie {
     Movie movie;
     UniqueFd data;
     FileMapping mapping;  // of `data`; empty when it could not be mapped
     CSharedMemory segment;
+  };
+  // Everything open under one fileId: the OpenMovie calls not yet closed,
+  // and the movies they opened (one, unless the list shifted between them),
+  // oldest first.
+  struct Opening {
+    uint64_t references = 0;
+    std::vector<std::unique_ptr<PinnedMovie>> movies;
   };
 
   void Run();
@@ -99,6 +113,13 @@ class Connection {
 
   // The movie at `index` of `snapshot`; throws "no movie at index N".
   static const Movie& MovieAt(const MovieCatalog::Snapshot& snapshot, uint64_t index);
+  // Pins the data file of `movie` (listed at `fileId`) and makes its segment.
+  // Throws RequestError when the file cannot be opened or has been replaced,
+  // or no segment can be made.
+  static std::unique_ptr<PinnedMovie> Pin(const Movie& movie, uint64_t fileId);
+  // Copies `frame` of `pinned`'s movie into its segment. Throws RequestError
+  // when the data file cannot give it.
+  static void Fill(PinnedMovie& pinned, uint64_t fileId, uint64_t frame);
   // Sends m_output with one write; false when it did not go out whole.
   bool Send();
   // True when the client has closed its end (checked while waiting).
@@ -115,7 +136,7 @@ class Connection {
   RequestReader m_requests;
   MemoryStream m_output;                 // the answer being built, reused
   std::vector<unsigned char> m_infoBytes;  // ReadInfoFile's buffer, reused
-  std::vector<std::unique_ptr<Opening>> m_openings;  // in the order opened
+  std::map<uint64_t, Opening> m_openings;  // by fileId
   std::thread m_thread;
   std::atomic<bool> m_finished{false};
 };
