@@ -1,5 +1,7 @@
 // ResourceSnapshot: what a test may leave behind, taken before and compared
-// after a scenario: the process's open descriptors and the entries of /dev/shm.
+// after a scenario: the process's open descriptors and the entries of /dev/shm
+// (except the scratch segments that another test process names with its own
+// "zebtrk-test-<pid>-" tag, since those tests run in parallel with this one).
 //
 // Usage:
 //   ResourceSnapshot before;
