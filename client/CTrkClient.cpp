@@ -11,29 +11,11 @@
 
 #include <zeb/CAutoLock.h>
 
+#include "client/TrkProtocol.h"
+
 namespace {
 
-// The service's name; LocalSocket turns it into the path "/tmp/zebtrksvc".
-const char* const kServiceName = "zebtrksvc";
-// The protocol version this client speaks, sent in the version check.
-const uint64_t kProtocolVersion = 0;
-
-// Command ordinals ("ord").
-enum EOrdinal : unsigned int {
-  kDetectDrive = 0,
-  kListMovies = 1,
-  kGetMovieInfo = 2,
-  kGetMovieIndex = 3,
-  kOpenMovie = 4,
-  kCloseMovie = 5,
-  kReadFrame = 6,
-  kDeleteMovie = 7,
-  kDeleteAllMovies = 8,
-  kReadInfoFile = 9,
-  kCreateEventQueue = 10,
-  kDestroyEventQueue = 11,
-  kReadEventQueue = 12,
-};
+using namespace trkprotocol;
 
 const auto kNoParams = [] {};
 // Commands that return nothing succeed on any response without an error;
@@ -118,7 +100,7 @@ bool CTrkClient::CheckVersion() {
   WriteText("act");
   WriteText("verCheck");
   WriteText("ver");
-  m_writer.WritePosInteger(kProtocolVersion);
+  m_writer.WritePosInteger(kVersion);
   // Any failure leaves the socket open, as designed: the client stays Idle
   // and reads nothing more from it; the next Connect closes it first.
   const TinyMsgPackObject response = m_reader.ReadObject();

@@ -14,6 +14,7 @@
 
 #include <zeb/file/SRawImagerInfo.h>
 
+#include "client/TrkProtocol.h"
 #include "ipc/strprintf.h"
 #include "tools/zebtrksvc/Log.h"
 
@@ -26,24 +27,7 @@ class RequestError : public std::runtime_error {
   explicit RequestError(const std::string& message) : std::runtime_error(message) {}
 };
 
-// The protocol version the service answers to a version check.
-constexpr uint64_t kProtocolVersion = 0;
-
-enum Ordinal : uint64_t {
-  kDetectDrive = 0,
-  kListMovies = 1,
-  kGetMovieInfo = 2,
-  kGetMovieIndex = 3,
-  kOpenMovie = 4,
-  kCloseMovie = 5,
-  kReadFrame = 6,
-  kDeleteMovie = 7,
-  kDeleteAllMovies = 8,
-  kReadInfoFile = 9,
-  kCreateEventQueue = 10,
-  kDestroyEventQueue = 11,
-  kReadEventQueue = 12,
-};
+using namespace trkprotocol;
 
 unsigned long long Ull(uint64_t value) { return static_cast<unsigned long long>(value); }
 
@@ -207,7 +191,7 @@ bool Connection::Dispatch(const Request& request, TinyMsgPackWriter& out) {
     Logf("connection %u: version check (client version %llu)", m_id, Ull(request.ver.number));
     StartResult(out, 1);
     WriteKey(out, "ver");
-    out.WritePosInteger(kProtocolVersion);
+    out.WritePosInteger(kVersion);
     return true;
   }
   if (request.act.text != "exec") {

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "client/TrkProtocol.h"
 #include "ipc/LocalSocket.h"
 #include "ipc/strprintf.h"
 
@@ -27,7 +28,7 @@ bool InstanceLock::Acquire(std::string& error) {
     return false;
   }
   LocalSocket probe;
-  if (probe.Connect("zebtrksvc")) {
+  if (probe.Connect(trkprotocol::kServiceName)) {
     error = "a service already answers on /tmp/zebtrksvc";
     m_lock.reset();
     return false;

@@ -17,6 +17,7 @@
 #include <string>
 #include <thread>
 
+#include "client/TrkProtocol.h"
 #include "ipc/LocalSocketServer.h"
 #include "tools/zebtrksvc/Connection.h"
 #include "tools/zebtrksvc/EventHub.h"
@@ -27,7 +28,7 @@ namespace zebtrksvc {
 class Service {
  public:
   // The service name: the socket is "/tmp/zebtrksvc".
-  static constexpr const char* kName = "zebtrksvc";
+  static constexpr const char* kName = trkprotocol::kServiceName;
 
   Service(MovieCatalog& catalog, EventHub& hub) : m_catalog(catalog), m_hub(hub) {}
   // Stop().
