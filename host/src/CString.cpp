@@ -166,16 +166,24 @@ void CString::Format(const char* format, ...) {
 
 void CString::FormatV(const char* format, va_list args) {
   if (!format) format = "";
-  va_list measure;
-  va_copy(measure, args);
-  const int n = std::vsnprintf(nullptr, 0, format, measure);
-  va_end(measure);
+  // Most texts are short: format once into a stack buffer and copy; only a
+  // longer text is formatted a second time, into its own block. The old text
+  // is released last, since an argument may point into it.
+  char small[256];
+  va_list first;
+  va_copy(first, args);
+  const int n = std::vsnprintf(small, sizeof small, format, first);
+  va_end(first);
   if (n <= 0) {  // empty text or an encoding error
     Release();
     return;
   }
   char* text = NewText(static_cast<unsigned long>(n));
-  std::vsnprintf(text, static_cast<size_t>(n) + 1, format, args);
+  if (static_cast<size_t>(n) < sizeof small) {
+    std::memcpy(text, small, static_cast<size_t>(n));
+  } else {
+    std::vsnprintf(text, static_cast<size_t>(n) + 1, format, args);
+  }
   Release();
   m_text = text;
 }
