@@ -22,21 +22,22 @@ std::string ShmPath(const std::string& name) { return "/dev/shm/" + name; }
 
 class CSharedMemoryTest : public IpcTest {};
 
-TEST_F(CSharedMemoryTest, CreatedSegmentIsSharedWithAnOpenerAndAChildProcess) {
+TEST_F(CSharedMemoryTest, SegmentIsSharedAndOnlyTheOwnerRemovesIt) {
   std::string name = Name();
   CSharedMemory creator;
   ASSERT_TRUE(creator.Create(name.c_str(), 4096));
   EXPECT_EQ(creator.name(), name);
   EXPECT_EQ(creator.size(), 4096u);
   ASSERT_NE(creator.data(), nullptr);
-  EXPECT_TRUE(PathExists(ShmPath(name)));
   std::memcpy(creator.data(), "frame", 5);
-
-  CSharedMemory opener;
-  ASSERT_TRUE(opener.Open(name.c_str()));
-  EXPECT_EQ(opener.size(), 4096u);  // the whole segment, as created
-  EXPECT_EQ(opener.name(), name);
-  EXPECT_EQ(std::memcmp(opener.data(), "frame", 5), 0);
+  {
+    CSharedMemory opener;
+    ASSERT_TRUE(opener.Open(name.c_str()));
+    EXPECT_EQ(opener.size(), 4096u);  // the whole segment, as created
+    EXPECT_EQ(opener.name(), name);
+    EXPECT_EQ(std::memcmp(opener.data(), "frame", 5), 0);
+  }
+  EXPECT_TRUE(PathExists(ShmPath(name)));  // the opener left it in place
 
   pid_t child = fork();
   ASSERT_NE(child, -1);
@@ -50,24 +51,12 @@ TEST_F(CSharedMemoryTest, CreatedSegmentIsSharedWithAnOpenerAndAChildProcess) {
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   EXPECT_EQ(std::memcmp(static_cast<char*>(creator.data()) + 4091, "child", 5), 0);
-}
-
-TEST_F(CSharedMemoryTest, OnlyTheOwnerRemovesTheSegment) {
-  std::string name = Name();
-  CSharedMemory creator;
-  ASSERT_TRUE(creator.Create(name.c_str(), 100));
-  {
-    CSharedMemory opener;
-    ASSERT_TRUE(opener.Open(name.c_str()));
-  }
-  EXPECT_TRUE(PathExists(ShmPath(name)));  // the opener left it in place
 
   creator.Close();
   EXPECT_FALSE(PathExists(ShmPath(name)));
   EXPECT_EQ(creator.data(), nullptr);
-  EXPECT_EQ(creator.size(), 100u);  // still reports the closed segment
+  EXPECT_EQ(creator.size(), 4096u);  // still reports the closed segment
   EXPECT_EQ(creator.name(), name);
-
   // A second Close, or a destructor after Close, must not remove a new
   // segment that someone else made under the same name since.
   CSharedMemory newcomer;
@@ -88,22 +77,22 @@ TEST_F(CSharedMemoryTest, FailuresLeaveTheObjectClosedAndForeignSegmentsAlone) {
 
   struct Case {
     const char* what;
-    bool (*call)(CSharedMemory&, const std::string&);
+    bool open;  // Open, else Create of `size` bytes
     std::string name;
+    size_t size;
   } cases[] = {
-      {"create of a taken name", [](CSharedMemory& m, const std::string& n) { return m.Create(n.c_str(), 64); }, taken},
-      {"create of size 0", [](CSharedMemory& m, const std::string& n) { return m.Create(n.c_str(), 0); }, zero},
-      {"open of a missing name", [](CSharedMemory& m, const std::string& n) { return m.Open(n.c_str()); }, missing},
-      {"open of a segment of size 0", [](CSharedMemory& m, const std::string& n) { return m.Open(n.c_str()); }, empty},
+      {"create of a taken name", false, taken, 64},
+      {"create of size 0", false, zero, 0},
+      {"open of a missing name", true, missing, 0},
+      {"open of a segment of size 0", true, empty, 0},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     CSharedMemory memory;
-    EXPECT_FALSE(c.call(memory, c.name));
+    EXPECT_FALSE(c.open ? memory.Open(c.name.c_str()) : memory.Create(c.name.c_str(), c.size));
     EXPECT_EQ(memory.data(), nullptr);
     EXPECT_EQ(NewDescriptors().size(), 1u);  // only the owner's descriptor
   }
-  EXPECT_FALSE(PathExists(ShmPath(zero)));        // the failed Create removed its own
   EXPECT_TRUE(PathExists(ShmPath(empty)));        // the failed Open left it alone
   EXPECT_EQ(std::memcmp(owner.data(), "keep", 4), 0);  // the taken one is untouched
   CSharedMemory reader;
@@ -130,21 +119,19 @@ TEST_F(CSharedMemoryTest, MovesTransferTheSegmentAndLeaveTheSourceEmpty) {
   {
     CSharedMemory b(std::move(a));
     expectEmpty(a);
-    EXPECT_EQ(b.data(), mapping);
-    EXPECT_EQ(b.size(), 32u);
-    EXPECT_EQ(b.name(), first);
     a = std::move(b);  // back into the moved-from object
     expectEmpty(b);
   }  // destroying the moved-from object removes nothing
   EXPECT_TRUE(PathExists(ShmPath(first)));
   EXPECT_EQ(a.data(), mapping);
+  EXPECT_EQ(a.size(), 32u);
 
   // Assigning onto an owner closes it first: its own segment goes.
   CSharedMemory c;
   ASSERT_TRUE(c.Create(second.c_str(), 16));
   c = std::move(a);
   EXPECT_FALSE(PathExists(ShmPath(second)));
-  EXPECT_EQ(c.name(), first);
+  EXPECT_EQ(c.name(), first);  // every member moves along
   CSharedMemory& alias = c;
   c = std::move(alias);  // self-assignment keeps the mapping
   EXPECT_EQ(c.data(), mapping);

@@ -1,12 +1,14 @@
 // Shared pieces of the ipc tests: unique names, a fixture that fails a test
 // which leaves a descriptor, a socket file or a segment of its own behind,
-// scoped process-wide settings (umask, signal dispositions) and a helper that
-// interrupts a blocked thread with signals.
+// connected socket pairs, scoped process-wide settings (umask, signal
+// dispositions) and a helper that interrupts a blocked thread with signals.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <pthread.h>
@@ -19,6 +21,8 @@
 #include <thread>
 #include <vector>
 
+#include "ipc/LocalSocket.h"
+#include "ipc/LocalSocketServer.h"
 #include "tests/support/ResourceSnapshot.h"
 
 namespace ipctest {
@@ -78,6 +82,39 @@ class IpcTest : public ::testing::Test {
   std::set<int> m_fds = testsupport::OpenDescriptors();
   std::vector<std::string> m_names;
 };
+
+// A connected pair made through a server of a unique name: `client` connected
+// with Connect, `peer` handed out by Accept.
+struct Pair {
+  LocalSocketServer server;
+  LocalSocket client;
+  LocalSocket peer;
+};
+
+inline void Open(Pair& pair, const std::string& name) {
+  ASSERT_TRUE(pair.server.Create(name.c_str()));
+  ASSERT_TRUE(pair.client.Connect(name.c_str()));
+  pair.peer = pair.server.Accept();
+  ASSERT_TRUE(pair.peer.connected());
+}
+
+// Sends `text` from `from` and reads it back on `to`: true when it arrived whole.
+inline bool RoundTrip(LocalSocket& from, LocalSocket& to, const std::string& text) {
+  if (from.Write(text.data(), text.size()) != text.size()) return false;
+  std::string got(text.size(), '\0');
+  return to.Read(&got[0], got.size()) == text.size() && got == text;
+}
+
+// Leaves a stale socket file at /tmp/<name>: bound, never listened on, closed
+// (what an earlier run that ended without cleaning up leaves).
+inline void BindStale(const std::string& name) {
+  int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  std::snprintf(address.sun_path, sizeof(address.sun_path), "/tmp/%s", name.c_str());
+  EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  close(fd);
+}
 
 // Sets the file-mode creation mask for one scope.
 class ScopedUmask {
