@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <memory>
 
-#include <zeb/TArray.h>
 #include <zeb/delegate.h>
 #include <zeb/zebDelegate.h>
 
@@ -27,8 +26,6 @@ struct SCounter {
 };
 
 TEST(DelegateTest, FromLamdaLayoutAndCloneCount) {
-  static_assert(sizeof(Delegate) == 24, "three words");
-  static_assert(sizeof(zebDelegate) == 24, "three words");
   int calls = 0;
   auto alive = std::make_shared<int>(0x5eed);
   std::weak_ptr<int> watch = alive;
@@ -69,24 +66,12 @@ TEST(DelegateTest, FromLamdaLayoutAndCloneCount) {
   zebDelegate_Destroy(zebDelegate{nullptr, nullptr, nullptr});  // empty: nothing
 }
 
+// Handler lists (move in, equal copies, removal) are checked with the file
+// system's handlers; here only what they rest on.
 TEST(DelegateTest, EqualityIsAllThreeWords) {
-  Delegate a = Delegate::FromLamda([] {});
-  Delegate b = Delegate::FromLamda([] {});
-  EXPECT_FALSE(a == b);  // two targets
+  auto noop = [] { return Delegate::FromLamda([] {}); };  // one closure type
+  EXPECT_FALSE(noop() == noop());  // one invoker, two targets
   EXPECT_TRUE(Delegate() == Delegate());
-
-  // Handlers in an array, removed by an equal copy, order kept.
-  zeb::TArray<Delegate> handlers;
-  Delegate c = Delegate::FromLamda([] {});
-  handlers.Add(a);
-  handlers.Add(b);
-  handlers.Add(std::move(c));
-  EXPECT_EQ(c.table(), nullptr);
-  const Delegate key = handlers[1];
-  handlers.Remove(handlers.IndexOf(key));
-  ASSERT_EQ(handlers.size(), 2u);
-  EXPECT_TRUE(handlers[0] == a);
-  EXPECT_EQ(CountOf(b), 2u);  // b and key: the array's copy was destroyed
 }
 
 }  // namespace

