@@ -173,6 +173,20 @@ TEST(CStringTest, Operations) {
   EXPECT_STREQ((CString("a") + "b").c_str(), "ab");
 }
 
+// Short texts are formatted once into a stack buffer, longer ones twice; the
+// lengths around that buffer's size, and a text formatted from itself.
+TEST(CStringTest, FormatAroundTheShortTextBuffer) {
+  for (size_t length : {0u, 1u, 255u, 256u, 257u, 4000u}) {
+    SCOPED_TRACE(length);
+    const std::string text(length, 'x');
+    CString s;
+    s.Format("%s", text.c_str());
+    EXPECT_EQ(std::string(s.c_str(), s.length()), text);
+    s.Format("<%s|%s>", s.c_str(), text.c_str());
+    EXPECT_EQ(std::string(s.c_str()), "<" + text + "|" + text + ">");
+  }
+}
+
 TEST(NumbersTest, ParseIsStrictAndSaturates) {
   struct SCase {
     const char* text;
