@@ -1,6 +1,6 @@
-// Every command's request, byte for byte, and the results it reads from a
-// good answer. Integers go out in their smallest unsigned form; results keep
-// the low bits of wider numbers.
+// Every command's request, byte for byte (the version check included), and
+// the results it reads from a good answer. Integers go out in their smallest
+// unsigned form. Arguments that cannot be used fail before anything is sent.
 #include <functional>
 #include <string>
 
@@ -117,6 +117,8 @@ std::vector<Exchange> Exchanges() {
 TEST_F(ClientTest, EveryCommandSendsItsExactRequestAndReadsItsResults) {
   CTrkClient client;
   ASSERT_TRUE(client.Connect());
+  ASSERT_EQ(m_fake.RequestCount(), 1u);
+  EXPECT_EQ(Hex(m_fake.Requests()[0].bytes), Hex(FS::Wire("82 A3'act' A8'verCheck' A3'ver' 00")));
   for (const Exchange& row : Exchanges()) {
     SCOPED_TRACE(row.name);
     size_t before = m_fake.RequestCount();
@@ -129,12 +131,16 @@ TEST_F(ClientTest, EveryCommandSendsItsExactRequestAndReadsItsResults) {
   }
 }
 
-TEST_F(ClientTest, ConnectSendsTheVersionCheck) {
+TEST_F(ClientTest, ArgumentsThatCannotBeUsedFailWithoutTraffic) {
   CTrkClient client;
   ASSERT_TRUE(client.Connect());
-  std::vector<Request> requests = m_fake.Requests();
-  ASSERT_EQ(requests.size(), 1u);
-  EXPECT_EQ(Hex(requests[0].bytes), Hex(FS::Wire("82 A3'act' A8'verCheck' A3'ver' 00")));
+  unsigned int index = 0;
+  EXPECT_FALSE(client.GetMovieInfo(0, nullptr));
+  EXPECT_FALSE(client.GetMovieIndex(nullptr, index));
+  EXPECT_FALSE(client.ReadInfoFile(0, zeb::TSharedPtr<zeb::IFile>()));
+  m_fake.Enqueue(Reply::Result({{"count", 1}}));
+  EXPECT_TRUE(client.ListMovies(index));
+  EXPECT_EQ(m_fake.RequestCount(), 2u);  // the version check and ListMovies
 }
 
 }  // namespace
