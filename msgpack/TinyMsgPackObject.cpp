@@ -22,10 +22,6 @@ char* CopyKey(const char* key) {
 
 }  // namespace
 
-// Every member gets a determinate value (not only the type), so that moving or
-// copying a default-constructed value never reads uninitialised memory.
-TinyMsgPackObject::TinyMsgPackObject() : m_type(Nil), m_size(0), m_capacity(0) { m_value.posInteger = 0; }
-
 TinyMsgPackObject::TinyMsgPackObject(const TinyMsgPackObject& other) : TinyMsgPackObject() { CopyFrom(other); }
 
 // Copy first, release afterwards: a copy that fails part-way leaves the target
@@ -51,8 +47,6 @@ TinyMsgPackObject& TinyMsgPackObject::operator=(TinyMsgPackObject&& other) noexc
   return *this;
 }
 
-TinyMsgPackObject::~TinyMsgPackObject() { Destroy(); }
-
 void TinyMsgPackObject::Destroy() noexcept {
   switch (m_type) {
     case String:
@@ -75,17 +69,6 @@ void TinyMsgPackObject::Destroy() noexcept {
   m_size = 0;
   m_capacity = 0;
   m_type = Nil;
-}
-
-void TinyMsgPackObject::TakeFrom(TinyMsgPackObject& other) noexcept {
-  m_type = other.m_type;
-  m_value = other.m_value;
-  m_size = other.m_size;
-  m_capacity = other.m_capacity;
-  other.m_type = Nil;
-  other.m_value.posInteger = 0;
-  other.m_size = 0;
-  other.m_capacity = 0;
 }
 
 // Strings carry all m_size bytes and the terminating zero, so that a text with

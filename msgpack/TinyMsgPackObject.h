@@ -39,8 +39,10 @@ class TinyMsgPackObject {
   // slots; the values of the other slots are Nil.
   struct SMapEntry;
 
-  // A Nil value.
-  TinyMsgPackObject();
+  // A Nil value. Every member gets a determinate value (not only the type), so
+  // that moving or copying a default-constructed value never reads
+  // uninitialised memory. Inline: a container block constructs one per slot.
+  TinyMsgPackObject() : m_type(Nil), m_size(0), m_capacity(0) { m_value.posInteger = 0; }
   // Deep copy. On an allocation failure nothing is left allocated.
   TinyMsgPackObject(const TinyMsgPackObject& other);
   // Deep copy. Success: this holds a copy of `other` (containers with capacity
@@ -50,7 +52,11 @@ class TinyMsgPackObject {
   // Move: this takes the members, `other` becomes Nil.
   TinyMsgPackObject(TinyMsgPackObject&& other) noexcept;
   TinyMsgPackObject& operator=(TinyMsgPackObject&& other) noexcept;
-  ~TinyMsgPackObject();
+  // Inline so that the many scalar slots of a container block cost no call
+  // when the block is freed; only String, Blob, Map and Array own anything.
+  ~TinyMsgPackObject() {
+    if (m_type == String || m_type >= Blob) Destroy();
+  }
 
   // Releases everything owned and sets the type to Nil.
   void Destroy() noexcept;
@@ -115,6 +121,12 @@ class TinyMsgPackObject {
   TinyMsgPackObject& valueForKey(const char* key);
 
  private:
+  // ReadObject builds a decoded tree in place: it fills the Nil slots of a
+  // block preallocated by CreateArray or CreateMap directly and counts them in
+  // m_size, where push_back and insert would move each value in through a
+  // temporary and test for growth that cannot happen.
+  friend class TinyMsgPackReader;
+
   // The factories' raw constructor: sets nothing; each factory sets every
   // member right after.
   explicit TinyMsgPackObject(std::nullptr_t) {}
@@ -124,7 +136,16 @@ class TinyMsgPackObject {
   void Require(EType type, const char* message) const;
   void RequireMapIndex(uint32_t index) const;
   // Takes the members of `other`, which becomes Nil. This must own nothing.
-  void TakeFrom(TinyMsgPackObject& other) noexcept;
+  void TakeFrom(TinyMsgPackObject& other) noexcept {
+    m_type = other.m_type;
+    m_value = other.m_value;
+    m_size = other.m_size;
+    m_capacity = other.m_capacity;
+    other.m_type = Nil;
+    other.m_value.posInteger = 0;
+    other.m_size = 0;
+    other.m_capacity = 0;
+  }
   // Deep copy of `other` into this, which must be Nil. Throws std::bad_alloc
   // with this still Nil and nothing allocated.
   void CopyFrom(const TinyMsgPackObject& other);

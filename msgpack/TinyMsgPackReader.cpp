@@ -11,6 +11,19 @@ const char kFailedToRead[] = "Failed to read.";
 
 [[noreturn]] void Fail(const char* message) { throw std::runtime_error(message); }
 
+// The big-endian argument of sizeof(T) bytes at `bytes`: one load and one
+// byte swap where a loop over the bytes would cost one step each. The library
+// runs on x86-64 only.
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the argument decoding assumes a little-endian host");
+template <class T>
+uint64_t LoadBigEndian(const unsigned char* bytes) {
+  T raw;
+  std::memcpy(&raw, bytes, sizeof raw);
+  if (sizeof raw == 2) return __builtin_bswap16(static_cast<uint16_t>(raw));
+  if (sizeof raw == 4) return __builtin_bswap32(static_cast<uint32_t>(raw));
+  return __builtin_bswap64(static_cast<uint64_t>(raw));
+}
+
 }  // namespace
 
 TinyMsgPackReader::TinyMsgPackReader(Stream* stream)
@@ -23,12 +36,22 @@ TinyMsgPackReader::TinyMsgPackReader(Stream* stream)
       m_buffer(),
       m_type(TinyMsgPackObject::Nil) {}
 
-bool TinyMsgPackReader::ReadBytes(unsigned char* data, size_t size) { return m_stream->Read(data, size) == size; }
-
 bool TinyMsgPackReader::ReadArgument(size_t width, uint64_t& value) {
   if (!ReadBytes(m_buffer + 1, width)) return false;
-  value = 0;
-  for (size_t i = 0; i < width; ++i) value = (value << 8) | m_buffer[1 + i];
+  switch (width) {
+    case 1:
+      value = m_buffer[1];
+      break;
+    case 2:
+      value = LoadBigEndian<uint16_t>(m_buffer + 1);
+      break;
+    case 4:
+      value = LoadBigEndian<uint32_t>(m_buffer + 1);
+      break;
+    default:
+      value = LoadBigEndian<uint64_t>(m_buffer + 1);
+      break;
+  }
   return true;
 }
 
@@ -248,50 +271,92 @@ void TinyMsgPackReader::CheckDepth(uint32_t depth) {
   if (depth >= kMaxDepth) Fail("Nesting too deep.");
 }
 
-TinyMsgPackObject TinyMsgPackReader::ReadObject() { return ReadObjectAt(0); }
+TinyMsgPackObject TinyMsgPackReader::ReadObject() {
+  TinyMsgPackObject value;
+  ReadObjectInto(value, 0);
+  return value;
+}
 
-TinyMsgPackObject TinyMsgPackReader::ReadObjectAt(uint32_t depth) {
+// The tree is built in place: every value is decoded straight into the slot
+// that keeps it, and a container's slots are those of the block that
+// CreateArray or CreateMap allocated at the announced count, counted in m_size
+// as each one is complete. A partly built container is thus always a whole
+// value (slots beyond m_size are Nil or a partly built value that frees like
+// any other), and its owner frees it when the exception passes.
+void TinyMsgPackReader::ReadObjectInto(TinyMsgPackObject& slot, uint32_t depth) {
   if (!Read()) Fail(kFailedToRead);
   switch (m_type) {
     case TinyMsgPackObject::Nil:
-      return TinyMsgPackObject::CreateNil();
+      return;
     case TinyMsgPackObject::NegInteger:
-      return TinyMsgPackObject::CreateNegInteger(m_negInteger);
+      slot.m_value.negInteger = m_negInteger;
+      break;
     case TinyMsgPackObject::PosInteger:
-      return TinyMsgPackObject::CreatePosInteger(m_posInteger);
+      slot.m_value.posInteger = m_posInteger;
+      break;
     case TinyMsgPackObject::Bool:
-      return TinyMsgPackObject::CreateBool(m_bool);
+      slot.m_value.boolean = m_bool;
+      break;
     case TinyMsgPackObject::Float:
-      return TinyMsgPackObject::CreateFloat(m_float);
-    case TinyMsgPackObject::String:
+      slot.m_value.real = m_float;
+      break;
+    case TinyMsgPackObject::String: {
       // A text of exactly UINT32_MAX bytes would be measured with strlen (the
       // marker of CreateString); the format cannot announce a longer one.
-      return TinyMsgPackObject::CreateString(m_string.data(), static_cast<uint32_t>(m_string.size()));
+      TinyMsgPackObject text =
+          TinyMsgPackObject::CreateString(m_string.data(), static_cast<uint32_t>(m_string.size()));
+      slot.TakeFrom(text);
+      return;
+    }
     case TinyMsgPackObject::Blob: {
       const uint32_t size = m_count;
       std::unique_ptr<unsigned char[]> data(new unsigned char[size]);
       ReadBlobData(data.get(), size);
-      return TinyMsgPackObject::CreateBlobNoCopy(data.release(), size);
+      TinyMsgPackObject blob = TinyMsgPackObject::CreateBlobNoCopy(data.release(), size);
+      slot.TakeFrom(blob);
+      return;
     }
-    case TinyMsgPackObject::Map: {
-      CheckDepth(depth);
-      const uint32_t n = m_count;
-      TinyMsgPackObject map = TinyMsgPackObject::CreateMap(n);
-      for (uint32_t i = 0; i < n; ++i) {
-        const std::string key = ReadString();
-        map.insert(key.c_str(), ReadObjectAt(depth + 1));  // a key is cut at a zero byte
-      }
-      return map;
-    }
-    case TinyMsgPackObject::Array: {
-      CheckDepth(depth);
-      const uint32_t n = m_count;
-      TinyMsgPackObject array = TinyMsgPackObject::CreateArray(n);
-      for (uint32_t i = 0; i < n; ++i) array.push_back(ReadObjectAt(depth + 1));
-      return array;
-    }
+    case TinyMsgPackObject::Map:
+      ReadMapInto(slot, depth);
+      return;
+    case TinyMsgPackObject::Array:
+      ReadArrayInto(slot, depth);
+      return;
+    default:
+      Fail("Unrecognized object type.");
   }
-  Fail("Unrecognized object type.");
+  slot.m_type = m_type;
+}
+
+// Each key is copied once, from m_string into the entry's own array, and cut
+// at its first zero byte as insert cuts it. The key is set only once the value
+// is complete: a slot at m_size has no key to free.
+void TinyMsgPackReader::ReadMapInto(TinyMsgPackObject& slot, uint32_t depth) {
+  CheckDepth(depth);
+  const uint32_t n = m_count;
+  TinyMsgPackObject map = TinyMsgPackObject::CreateMap(n);
+  slot.TakeFrom(map);
+  for (uint32_t i = 0; i < n; ++i) {
+    ReadExpecting(TinyMsgPackObject::String, "Expected string.");
+    const size_t keyLength = std::strlen(m_string.c_str());
+    std::unique_ptr<char[]> key(new char[keyLength + 1]);
+    std::memcpy(key.get(), m_string.c_str(), keyLength + 1);
+    TinyMsgPackObject::SMapEntry& entry = slot.m_value.map[i];
+    ReadObjectInto(entry.value, depth + 1);
+    entry.key = key.release();
+    slot.m_size = i + 1;
+  }
+}
+
+void TinyMsgPackReader::ReadArrayInto(TinyMsgPackObject& slot, uint32_t depth) {
+  CheckDepth(depth);
+  const uint32_t n = m_count;
+  TinyMsgPackObject array = TinyMsgPackObject::CreateArray(n);
+  slot.TakeFrom(array);
+  for (uint32_t i = 0; i < n; ++i) {
+    ReadObjectInto(slot.m_value.array[i], depth + 1);
+    slot.m_size = i + 1;
+  }
 }
 
 void TinyMsgPackReader::Skip() { SkipAt(0); }

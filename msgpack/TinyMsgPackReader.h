@@ -49,7 +49,8 @@ class TinyMsgPackReader {
   explicit TinyMsgPackReader(Stream* stream);
 
   // True when the stream's Read returned exactly `size` bytes.
-  bool ReadBytes(unsigned char* data, size_t size);
+  // Inline: every type byte, argument and text comes through here.
+  bool ReadBytes(unsigned char* data, size_t size) { return m_stream->Read(data, size) == size; }
 
   // Decodes one item into the current-item state. False when the stream ends
   // early or the type byte is not accepted; the type is then left as it was
@@ -105,7 +106,12 @@ class TinyMsgPackReader {
   bool ReadContainer(EType type, size_t width);
   bool ReadFloatItem(size_t width);
   void ReadExpecting(EType type, const char* message);
-  TinyMsgPackObject ReadObjectAt(uint32_t depth);
+  // Decodes one complete value into `slot`, a Nil value that owns nothing.
+  // Success: `slot` holds the value. Failure: the exception passes on and
+  // `slot` holds the part built so far, a whole value for its owner to free.
+  void ReadObjectInto(TinyMsgPackObject& slot, uint32_t depth);
+  void ReadMapInto(TinyMsgPackObject& slot, uint32_t depth);
+  void ReadArrayInto(TinyMsgPackObject& slot, uint32_t depth);
   void SkipAt(uint32_t depth);
   static void CheckDepth(uint32_t depth);
 
