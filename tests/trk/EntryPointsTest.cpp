@@ -4,14 +4,13 @@
 // has constructed the file system.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-
 #include <atomic>
 #include <cstdio>
 #include <string>
 
 #include <zeb/CUriHandler.h>
 
+#include "tests/support/ResourceSnapshot.h"
 #include "tests/support/ScopedEnv.h"
 #include "trk/CTrkInterface.h"
 #include "trk/STrkInterfaceData.h"
@@ -29,23 +28,12 @@ struct SExpectedTarget {
   std::atomic<std::uint32_t> count;
 };
 
-int ThreadCount() {
-  int count = 0;
-  DIR* dir = opendir("/proc/self/task");
-  if (!dir) return -1;
-  while (dirent* entry = readdir(dir)) {
-    if (entry->d_name[0] != '.') ++count;
-  }
-  closedir(dir);
-  return count;
-}
-
 void CountCall(void* userData) { ++*static_cast<int*>(userData); }
 
 TEST(EntryPointsTest, LoadingConstructsNothingAndTheFirstCallDoes) {
   static testsupport::ScopedEnv emulator("ZEBTRK_ENABLE_EMULATOR", "1");
   EXPECT_EQ(zeb::CUriHandler::instance()->FileSystemForPath("trk:///"), nullptr);
-  EXPECT_EQ(ThreadCount(), 1);
+  EXPECT_EQ(testsupport::ThreadCount(), 1u);
   EXPECT_TRUE(zebtrk_drivePresent());  // the first call constructs
   zeb::trk::CTrkInterface* fs = zeb::trk::instance();
   EXPECT_EQ(zeb::CUriHandler::instance()->FileSystemForPath("trk:///"), fs);

@@ -4,23 +4,16 @@
 // fake service listens on the service socket and counts connections.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <dlfcn.h>
 
 #include <zeb/file/CImagerFileFactory.h>
 
 #include "tests/support/FakeService.h"
+#include "tests/support/ResourceSnapshot.h"
 
 namespace {
 
-size_t ThreadCount() {
-  size_t count = 0;
-  DIR* tasks = opendir("/proc/self/task");
-  if (!tasks) return 0;
-  while (const dirent* entry = readdir(tasks)) count += entry->d_name[0] != '.';
-  closedir(tasks);
-  return count;
-}
+using testsupport::ThreadCount;
 
 TEST(LoadRegistrationTest, LoadingOnlyRegistersTheImagerFileType) {
   FakeService fake;

@@ -5,17 +5,10 @@
 // through the service and leaves nothing open.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
-#include <thread>
 
-#include "client/CTrkClient.h"
 #include "tests/support/ResourceSnapshot.h"
 #include "tests/trk/TrkTestSupport.h"
 
@@ -29,55 +22,8 @@ constexpr long kRunStart = 116444736000000000L + 1714622706L * 10000000L + 78901
 constexpr long kPeriod = 400000;
 
 bool WriteMovie(const std::string& drive, const char* stem, unsigned int frames) {
-  zeb::file::SRawImagerInfo layout;
-  layout.width = 4;
-  layout.height = 3;
-  layout.hasTiming = true;
-  layout.firstFrameTicks = kRunStart;
-  layout.framePeriodTicks = kPeriod;
-  zeb::file::CRawImagerWriter writer;
-  if (!writer.Create(zeb::fileSystem(), (drive + "/" + stem + ".dat").c_str(), layout)) return false;
-  std::vector<unsigned short> pixels(4 * 3, 9);
-  for (unsigned int i = 0; i < frames; ++i) {
-    if (!writer.PutFrame(pixels.data())) return false;
-  }
-  return writer.Finish();
+  return trktest::WriteRaw(drive + "/" + stem + ".dat", 4, 3, frames, kRunStart, kPeriod);
 }
-
-// The simulator serving `drive` in a child process, until destroyed.
-class Simulator {
- public:
-  explicit Simulator(const std::string& drive) {
-    m_pid = ::fork();
-    if (m_pid == 0) {
-      const int null = ::open("/dev/null", O_WRONLY);
-      ::dup2(null, 1);
-      ::dup2(null, 2);
-      ::execl(ZEBTRKSVC_BINARY, "zebtrksvc", "--drive", drive.c_str(), static_cast<char*>(nullptr));
-      ::_exit(127);
-    }
-  }
-  ~Simulator() {
-    if (m_pid <= 0) return;
-    ::kill(m_pid, SIGTERM);
-    int status = 0;
-    ::waitpid(m_pid, &status, 0);
-  }
-  // Waits until the service answers with `count` movies.
-  bool WaitUntilServing(unsigned int count) {
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (m_pid > 0 && std::chrono::steady_clock::now() < limit) {
-      CTrkClient probe;
-      unsigned int listed = 0;
-      if (probe.Connect() && probe.ListMovies(listed) && listed == count) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
-  }
-
- private:
-  pid_t m_pid = -1;
-};
 
 TEST(SimulatorMonitoringTest, DriveChangesReachTheHandlersAndTheListing) {
   testsupport::ScopedEnv emulator("ZEBTRK_ENABLE_EMULATOR", std::nullopt);
@@ -88,7 +34,7 @@ TEST(SimulatorMonitoringTest, DriveChangesReachTheHandlersAndTheListing) {
   ASSERT_TRUE(WriteMovie(drive, "12-Run A", 5));
   testsupport::ResourceSnapshot before;
   {
-    Simulator simulator(drive);
+    trktest::ServiceProcess simulator(ZEBTRKSVC_BINARY, drive);
     ASSERT_TRUE(simulator.WaitUntilServing(2));
     zeb::trk::CTrkInterface fs;
     EXPECT_TRUE(fs.drivePresent());

@@ -7,29 +7,20 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
 #include <memory>
-#include <optional>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <zeb/CLocalFileSystem.h>
 #include <zeb/file/CImagerFileFactory.h>
-#include <zeb/file/CRawImagerWriter.h>
 
-#include "client/CTrkClient.h"
-#include "tests/support/ScopedEnv.h"
-#include "tests/support/TempDir.h"
+#include "tests/trk/TrkTestSupport.h"
 #include "trk/CTrkImagerFile.h"
-#include "trk/CTrkInterface.h"
 
 namespace {
 
@@ -42,23 +33,10 @@ const long kBigSize = kBigFrameBytes * kBigFrames;  // 4,456,448,000 bytes
 const long kOtherFrameBytes = 32 * 16 * 2;
 
 // A raw pair on the drive with seeded pixels and time stamps.
-void WriteMovie(const std::string& drive, const char* stem, unsigned int width,
-                unsigned int height, unsigned int frames, unsigned int seed) {
-  zeb::file::SRawImagerInfo layout;
-  layout.width = width;
-  layout.height = height;
-  layout.hasTiming = true;
-  layout.firstFrameTicks = 133590000000000000L + seed;
-  layout.framePeriodTicks = 333333;
-  zeb::file::CRawImagerWriter writer;
-  ASSERT_TRUE(writer.Create(zeb::fileSystem(), (drive + "/" + stem + ".dat").c_str(), layout));
-  std::mt19937 random(seed);
-  std::vector<unsigned short> pixels(width * height);
-  for (unsigned int frame = 0; frame < frames; ++frame) {
-    for (unsigned short& pixel : pixels) pixel = static_cast<unsigned short>(random());
-    ASSERT_TRUE(writer.PutFrame(pixels.data()));
-  }
-  ASSERT_TRUE(writer.Finish());
+bool WriteMovie(const std::string& drive, const char* stem, unsigned int width, unsigned int height,
+                unsigned int frames, unsigned int seed) {
+  return trktest::WriteRaw(drive + "/" + stem + ".dat", width, height, frames, 133590000000000000L + seed, 333333,
+                           seed);
 }
 
 // The bytes that the big movie holds at its end (the rest is a hole).
@@ -89,52 +67,25 @@ void WriteBigMovie(const std::string& drive) {
 // The drive, the simulator serving it, and the file system connected to it.
 class Simulator {
  public:
-  Simulator() : m_emulator("ZEBTRK_ENABLE_EMULATOR", std::nullopt) {
-    m_drive = m_dir / "drive";
+  Simulator() : m_emulator("ZEBTRK_ENABLE_EMULATOR", std::nullopt), m_drive(m_dir / "drive") {
     EXPECT_TRUE(zeb::fileSystem()->MakeDir(m_drive.c_str(), true));
-    WriteMovie(m_drive, "3-Small", 64, 48, 12, 3);
-    WriteMovie(m_drive, "4-Other", 32, 16, 20, 4);
-    WriteMovie(m_drive, "1-Gone", 8, 8, 2, 7);
+    EXPECT_TRUE(WriteMovie(m_drive, "3-Small", 64, 48, 12, 3));
+    EXPECT_TRUE(WriteMovie(m_drive, "4-Other", 32, 16, 20, 4));
+    EXPECT_TRUE(WriteMovie(m_drive, "1-Gone", 8, 8, 2, 7));
     WriteBigMovie(m_drive);
-    m_pid = ::fork();
-    if (m_pid == 0) {
-      const int null = ::open("/dev/null", O_WRONLY);
-      ::dup2(null, 1);
-      ::dup2(null, 2);
-      ::execl(ZEBTRKSVC_BINARY, "zebtrksvc", "--drive", m_drive.c_str(), static_cast<char*>(nullptr));
-      ::_exit(127);
-    }
-    EXPECT_GT(m_pid, 0);
-    WaitUntilServing();
+    m_service.reset(new trktest::ServiceProcess(ZEBTRKSVC_BINARY, m_drive));
+    EXPECT_TRUE(m_service->WaitUntilServing(4));
     m_fs.reset(new zeb::trk::CTrkInterface);
   }
-  ~Simulator() {
-    m_fs.reset();
-    if (m_pid > 0) {
-      ::kill(m_pid, SIGTERM);
-      int status = 0;
-      ::waitpid(m_pid, &status, 0);
-    }
-  }
+  ~Simulator() { m_fs.reset(); }
   zeb::trk::CTrkInterface& fs() { return *m_fs; }
   std::string operator/(const std::string& name) const { return m_drive + "/" + name; }
 
  private:
-  void WaitUntilServing() {
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (std::chrono::steady_clock::now() < limit) {
-      CTrkClient probe;
-      unsigned int count = 0;
-      if (probe.Connect() && probe.ListMovies(count) && count == 4) return;
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    ADD_FAILURE() << "the simulator did not serve the drive";
-  }
-
   testsupport::TempDir m_dir;
   testsupport::ScopedEnv m_emulator;
   std::string m_drive;
-  pid_t m_pid = -1;
+  std::unique_ptr<trktest::ServiceProcess> m_service;
   std::unique_ptr<zeb::trk::CTrkInterface> m_fs;
 };
 
@@ -151,7 +102,15 @@ class SimulatorTest : public ::testing::Test {
 };
 Simulator* SimulatorTest::s_simulator = nullptr;
 
-TEST_F(SimulatorTest, RandomReadsEqualTheDataFile) {
+TEST_F(SimulatorTest, RandomReadsAndTheInformationFileEqualTheDrives) {
+  zeb::TSharedPtr<zeb::IFile> info = fs().OpenFile("trk://3-Small:INFO", 0);
+  ASSERT_TRUE(info);
+  const std::string expectedInfo = ReadFile(sim() / "3-Small.info");
+  std::string infoBytes(expectedInfo.size(), '\0');
+  ASSERT_EQ(info->GetSize(), static_cast<long>(expectedInfo.size()));
+  ASSERT_TRUE(info->ReadBytes(&infoBytes[0], static_cast<unsigned int>(infoBytes.size())));
+  EXPECT_EQ(infoBytes, expectedInfo);
+
   const std::string data = ReadFile(sim() / "3-Small.dat");
   ASSERT_EQ(data.size(), 64u * 48 * 2 * 12);
   zeb::TSharedPtr<zeb::IFile> file = fs().OpenFile("trk://3-Small", 0);
@@ -169,16 +128,6 @@ TEST_F(SimulatorTest, RandomReadsEqualTheDataFile) {
     ASSERT_EQ(std::string(bytes.data(), expected), data.substr(position, expected))
         << count << " at " << position;
   }
-}
-
-TEST_F(SimulatorTest, InformationFileEqualsTheDrives) {
-  zeb::TSharedPtr<zeb::IFile> info = fs().OpenFile("trk://3-Small:INFO", 0);
-  ASSERT_TRUE(info);
-  const std::string expected = ReadFile(sim() / "3-Small.info");
-  ASSERT_EQ(info->GetSize(), static_cast<long>(expected.size()));
-  std::string bytes(expected.size(), '\0');
-  ASSERT_TRUE(info->ReadBytes(&bytes[0], static_cast<unsigned int>(bytes.size())));
-  EXPECT_EQ(bytes, expected);
 }
 
 TEST_F(SimulatorTest, MovieBeyondFourGigabytes) {
@@ -254,23 +203,11 @@ TEST_F(SimulatorTest, ImagerFactoryOpensMoviesAndReadsEveryFrame) {
   type.Destroy(file);
 }
 
-TEST_F(SimulatorTest, FilesOfOneMovieSideBySideAndFromTwoThreads) {
+TEST_F(SimulatorTest, FilesOfOneMovieFromTwoThreads) {
   const std::string data = ReadFile(sim() / "4-Other.dat");
   zeb::TSharedPtr<zeb::IFile> a = fs().OpenFile("trk://4-Other", 0);
   zeb::TSharedPtr<zeb::IFile> b = fs().OpenFile("trk://4-Other", 0);
   ASSERT_TRUE(a && b);
-  // Interleaved: each file's held frame is refilled by the other's requests.
-  std::vector<char> bytes(16);
-  for (long frame = 0; frame < 20; ++frame) {
-    for (zeb::IFile* file : {a.get(), b.get()}) {
-      const long position = ((file == a.get() ? frame : 19 - frame) * kOtherFrameBytes) + 100;
-      for (int piece = 0; piece < 2; ++piece) {
-        ASSERT_EQ(file->Seek(position + piece * 16, 1), position + piece * 16);
-        ASSERT_EQ(file->Read(bytes.data(), 16), 16u);
-        ASSERT_EQ(std::string(bytes.data(), 16), data.substr(position + piece * 16, 16));
-      }
-    }
-  }
   // Two threads, each reading the whole movie in frame-sized pieces that
   // straddle frame boundaries.
   auto readAll = [&data](zeb::IFile* file, bool* same) {
