@@ -3,10 +3,14 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
+#include <algorithm>
 #include <thread>
 
 #include "tests/support/TempDir.h"
@@ -14,32 +18,83 @@
 extern char** environ;
 
 namespace tooltest {
+namespace {
 
-const char* ToolPath() { return ZEBTRKSVC_PATH; }
+// This process's environment with the changes applied.
+std::vector<std::string> Environment(const std::vector<std::string>& changes) {
+  std::vector<std::string> result;
+  for (char** entry = environ; *entry; ++entry) result.push_back(*entry);
+  for (const std::string& change : changes) {
+    const std::string name = change.substr(0, change.find('=')) + "=";
+    result.erase(std::remove_if(result.begin(), result.end(),
+                                [&](const std::string& entry) { return entry.rfind(name, 0) == 0; }),
+                 result.end());
+    if (change.find('=') != std::string::npos) result.push_back(change);
+  }
+  return result;
+}
+
+std::vector<char*> Pointers(std::vector<std::string>& words) {
+  std::vector<char*> pointers;
+  for (std::string& word : words) pointers.push_back(word.data());
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+int Status(int raw) { return WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw); }
+
+sockaddr_un Address(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  snprintf(address.sun_path, sizeof(address.sun_path), "%s", path.c_str());
+  return address;
+}
+
+}  // namespace
+
+ToolRun Run(const std::vector<std::string>& argv, const std::vector<std::string>& env, int limitSeconds) {
+  ToolRun run;
+  testsupport::TempDir scratch;
+  ChildProcess child;
+  if (!child.Start(argv, env, scratch / "out", scratch / "err")) return run;
+  run.status = child.Wait(limitSeconds);
+  if (run.status == -1) {
+    child.Signal(SIGKILL);
+    run.status = child.Wait(limitSeconds);
+  }
+  run.out = testsupport::ReadFile(scratch / "out");
+  run.err = testsupport::ReadFile(scratch / "err");
+  return run;
+}
 
 ChildProcess::~ChildProcess() {
   if (m_pid == -1) return;
-  kill(m_pid, SIGKILL);
-  waitpid(m_pid, nullptr, 0);
+  Signal(SIGTERM);
+  if (Wait(20) != -1) return;
+  Signal(SIGKILL);
+  Wait(20);
 }
 
-bool ChildProcess::Start(const std::string& program, const std::vector<std::string>& args,
-                         const std::string& stdoutPath, const std::string& stderrPath) {
-  std::vector<char*> argv;
-  argv.push_back(const_cast<char*>(program.c_str()));
-  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-  argv.push_back(nullptr);
+bool ChildProcess::Start(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+                         const std::string& outPath, const std::string& errPath) {
+  std::vector<std::string> args = argv;
+  std::vector<std::string> environment = Environment(env);
+  std::vector<char*> argp = Pointers(args);
+  std::vector<char*> envp = Pointers(environment);
+  const int flags = O_WRONLY | O_CREAT | O_TRUNC;
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, stdoutPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  posix_spawn_file_actions_addopen(&actions, 2, stderrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  pid_t pid = -1;
-  const int result = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), flags, 0644);
+  if (errPath.empty()) {
+    posix_spawn_file_actions_adddup2(&actions, 1, 2);
+  } else {
+    posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), flags, 0644);
+  }
+  if (posix_spawn(&m_pid, argp[0], &actions, nullptr, argp.data(), envp.data()) != 0) m_pid = -1;
   posix_spawn_file_actions_destroy(&actions);
-  if (result != 0) return false;
-  m_pid = pid;
   m_status = -1;
-  return true;
+  return m_pid != -1;
 }
 
 void ChildProcess::Signal(int signal) {
@@ -48,32 +103,42 @@ void ChildProcess::Signal(int signal) {
 
 bool ChildProcess::Running() {
   if (m_pid == -1) return false;
-  int status = 0;
-  if (waitpid(m_pid, &status, WNOHANG) != m_pid) return true;
-  m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  int raw = 0;
+  if (waitpid(m_pid, &raw, WNOHANG) != m_pid) return true;
+  m_status = Status(raw);
   m_pid = -1;
   return false;
 }
 
-int ChildProcess::Wait(int timeoutMs) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (Running()) {
-    if (std::chrono::steady_clock::now() >= deadline) return -1;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return m_status;
+int ChildProcess::Wait(int limitSeconds) {
+  WaitUntil([&] { return !Running(); }, limitSeconds);
+  return Running() ? -1 : m_status;
 }
 
-ToolRun RunTool(const std::vector<std::string>& args, const std::string& scratch, int timeoutMs) {
-  ToolRun run;
-  const std::string outPath = scratch + "/tool.out";
-  const std::string errPath = scratch + "/tool.err";
-  ChildProcess child;
-  if (!child.Start(ToolPath(), args, outPath, errPath)) return run;
-  run.status = child.Wait(timeoutMs);
-  run.out = testsupport::ReadFile(outPath);
-  run.err = testsupport::ReadFile(errPath);
-  return run;
+bool WaitUntil(const std::function<bool()>& condition, int limitSeconds) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(limitSeconds);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return true;
+}
+
+bool SocketAccepts(const std::string& path) {
+  const sockaddr_un address = Address(path);
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const bool accepted = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+  close(fd);
+  return accepted;
+}
+
+bool LeaveStaleSocket(const std::string& path) {
+  const sockaddr_un address = Address(path);
+  unlink(path.c_str());
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const bool bound = bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+  close(fd);
+  return bound;
 }
 
 }  // namespace tooltest
