@@ -201,7 +201,8 @@ TEST_F(ClientTest, ThreadsSharingAClientNeverInterleave) {
 TEST_F(ClientTest, DisconnectWaitsForTheRunningExchange) {
   CTrkClient client;
   ASSERT_TRUE(client.Connect());
-  m_fake.Enqueue(Reply::Result({{"event", FS::Map({{"type", 1}, {"drive", 2}})}}).Delay(std::chrono::milliseconds(100)));
+  m_fake.Enqueue(
+      Reply::Result({{"event", FS::Map({{"type", 1}, {"drive", 2}})}}).Delay(std::chrono::milliseconds(100)));
   STrkEvent event = {};
   bool result = false;
   std::thread reader([&] { result = client.ReadEventQueue(4, event); });

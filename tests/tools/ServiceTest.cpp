@@ -228,7 +228,9 @@ std::string Open(ServiceClient& client, uint64_t fileId) {
 std::string ReadFrame(ServiceClient& client, uint64_t fileId, uint64_t frame) {
   return client.Error(Exec(kReadFrame, {{"fileId", fileId}, {"frameNumber", frame}}));
 }
-std::string Close(ServiceClient& client, uint64_t fileId) { return client.Error(Exec(kCloseMovie, {{"fileId", fileId}})); }
+std::string Close(ServiceClient& client, uint64_t fileId) {
+  return client.Error(Exec(kCloseMovie, {{"fileId", fileId}}));
+}
 uint64_t NextEventType(ServiceClient& events, uint64_t queue) {
   return Field(events.Result(Exec(kReadEventQueue, {{"queueId", queue}})).valueForKey("event"), "type");
 }
