@@ -23,16 +23,6 @@ using O = TinyMsgPackObject;
 
 namespace {
 
-O Str(const char* text) { return O::CreateString(text, UINT32_MAX); }
-
-TEST(Codec, WriteObjectRequestIsEightWriteCalls) {
-  O request = O::CreateMap(2);
-  request.insert("act", Str("exec")).insert("ord", O::CreatePosInteger(1));
-  RecordingStream stream;
-  TinyMsgPackWriter(&stream).WriteObject(request);
-  EXPECT_EQ(stream.writes, (std::vector<std::string>{"82", "a3", "616374", "a4", "65786563", "a3", "6f7264", "01"}));
-}
-
 struct WriteCase {
   O value;
   std::string bytes;
@@ -81,99 +71,87 @@ TEST(Codec, WriteObjectRefusesAnUnknownType) {
   EXPECT_EQ(msgpacktest::ToHex(stream.bytes()), "91");
 }
 
-struct ReadCase {
+struct WholeValueCase {
   std::string hex;
-  std::string outcome;  // Render of the value, or the exception
+  std::string read;  // ReadObject: Render of the value, or the exception
+  std::string skip;  // Skip: "ok", or the exception
 };
 
-TEST(Codec, ReadObject) {
-  const ReadCase cases[] = {{"81 a3616374 a465786563", "{s:616374:s:65786563}"},
-                            {"82 a3616374 01 a3616374 02", "{s:616374:+1,s:616374:+2}"},
-                            {"81 a3610062 01", "{s:61:+1}"},  // keys are zero-terminated: cut at the zero byte
-                            {"dd00000000", "[]"},
-                            {"c402aabb", "b:aabb"},
-                            {"92 90 80", "[[],{}]"},
-                            {"81 01 02", "runtime_error: Expected string."},
-                            {"92 01", "runtime_error: Failed to read."},
-                            {"81 a161", "runtime_error: Failed to read."},
-                            {"c403 0102", "runtime_error: Failed to read."},
-                            {"91 d4 01 00", "runtime_error: Failed to read."},
-                            {"", "runtime_error: Failed to read."}};
-  for (const ReadCase& c : cases) {
-    std::string rendered;
-    const std::string thrown = Thrown([&] { rendered = Render(Decode(c.hex)); });
-    EXPECT_EQ(thrown == "no exception" ? rendered : thrown, c.outcome) << c.hex;
+// ReadObject and Skip over the same bytes. Each must consume exactly the value:
+// after a complete one, a following nil stays unread.
+TEST(Codec, ReadObjectAndSkip) {
+  const WholeValueCase cases[] = {
+      {"81 a3616374 a465786563", "{s:616374:s:65786563}", "ok"},
+      {"82 a3616374 01 a3616374 02", "{s:616374:+1,s:616374:+2}", "ok"},
+      {"82 a161 01 a162 92 01 02", "{s:61:+1,s:62:[+1,+2]}", "ok"},
+      {"81 a3610062 01", "{s:61:+1}", "ok"},  // keys are zero-terminated: cut at the zero byte
+      {"dd00000000", "[]", "ok"},
+      {"c402aabb", "b:aabb", "ok"},
+      {"c600000000", "b:", "ok"},
+      {"db00000002 6869", "s:6869", "ok"},
+      {"dc0002 cb3ff0000000000000 ff", "[f:1,-1]", "ok"},
+      {"92 90 80", "[[],{}]", "ok"},
+      {"91 91 91 c0", "[[[nil]]]", "ok"},
+      {"81 01 02", "runtime_error: Expected string.", "ok"},  // Skip takes keys of any type
+      {"92 01", "runtime_error: Failed to read.", "runtime_error: Failed to read."},
+      {"81 a161", "runtime_error: Failed to read.", "runtime_error: Failed to read."},
+      {"c403 0102", "runtime_error: Failed to read.", "runtime_error: Failed to read."},
+      {"91 d4 01 00", "runtime_error: Failed to read.", "runtime_error: Failed to read."},
+      {"81 c7 00 01", "runtime_error: Failed to read.", "runtime_error: Failed to read."},
+      {"", "runtime_error: Failed to read.", "runtime_error: Failed to read."}};
+  for (const WholeValueCase& c : cases) {
+    msgpacktest::Bytes input = Hex(c.hex);
+    if (c.skip == "ok") input.push_back(0xc0);
+    for (bool skip : {false, true}) {
+      RecordingStream stream(input);
+      TinyMsgPackReader reader(&stream);
+      std::string rendered;
+      std::string outcome = Thrown([&] {
+        if (skip)
+          reader.Skip();
+        else
+          rendered = Render(reader.ReadObject());
+      });
+      if (outcome == "no exception") outcome = stream.remaining() != 1 ? "consumed wrong" : skip ? "ok" : rendered;
+      EXPECT_EQ(outcome, skip ? c.skip : c.read) << c.hex << (skip ? " Skip" : " ReadObject");
+    }
   }
   // Decoded containers were preallocated at their announced count.
-  const O decoded = Decode("dc0003 010203");
-  EXPECT_EQ(decoded.capacity(), 3u);
+  EXPECT_EQ(Decode("dc0003 010203").capacity(), 3u);
   EXPECT_EQ(Decode("dd00000000").capacity(), 0u);
   EXPECT_EQ(Decode("83 a161 c0 a162 c0 a163 c0").capacity(), 3u);
 }
 
-struct SkipCase {
-  std::string hex;
-  std::string outcome;  // "ok" when exactly the item was consumed
+struct FieldCase {
+  std::string hex;  // a map header, its entries and what follows
+  uint32_t remaining;  // entries not yet consumed; the map's count when UINT32_MAX
+  const char* name;
+  std::string outcome;  // the exception, or "at VALUE, R left"
+  size_t unread;  // bytes left in the stream afterwards
 };
 
-TEST(Codec, SkipConsumesExactlyOneValue) {
-  const SkipCase cases[] = {
-      {"82 a161 01 a162 92 01 02", "ok"},
-      {"81 01 02", "ok"},  // keys of any type
-      {"c403 010203", "ok"},
-      {"c600000000", "ok"},
-      {"db00000002 6869", "ok"},
-      {"dc0002 cb3ff0000000000000 ff", "ok"},
-      {"91 91 91 c0", "ok"},
-      {"92 01", "runtime_error: Failed to read."},
-      {"c403 0102", "runtime_error: Failed to read."},
-      {"81 c7 00 01", "runtime_error: Failed to read."},
-  };
-  for (const SkipCase& c : cases) {
-    msgpacktest::Bytes input = Hex(c.hex);
-    if (c.outcome == "ok") input.push_back(0xc0);  // a following item that must stay unread
-    RecordingStream stream(input);
-    TinyMsgPackReader reader(&stream);
-    std::string outcome = Thrown([&] { reader.Skip(); });
-    if (outcome == "no exception") outcome = stream.remaining() == 1 ? "ok" : "consumed wrong";
-    EXPECT_EQ(outcome, c.outcome) << c.hex;
-  }
-}
-
+// Stops before the named field's value; absent, it consumes every entry (and
+// nothing more); with no entries left it reads nothing at all.
 TEST(Codec, SkipToMapField) {
-  {
-    RecordingStream stream(Hex("82 a161 01 a162 02"));
+  const FieldCase cases[] = {
+      {"82 a161 01 a162 02", UINT32_MAX, "b", "at 2, 0 left", 0},
+      {"82 a161 01 a162 02", UINT32_MAX, "a", "at 1, 1 left", 3},
+      {"82 a161 91 05 a162 02 c0", UINT32_MAX, "ab", "runtime_error: Map field not found., 0 left", 1},
+      {"a161", 0, "a", "runtime_error: Map field not found., 0 left", 2},
+      {"01 02", 1, "a", "runtime_error: Expected string., 1 left", 1},
+  };
+  for (const FieldCase& c : cases) {
+    RecordingStream stream(Hex(c.hex));
     TinyMsgPackReader reader(&stream);
-    uint32_t remaining = reader.ReadMapCount();
-    reader.SkipToMapField(remaining, "b");
-    EXPECT_EQ(remaining, 0u);
-    EXPECT_EQ(reader.ReadPosInteger(), 2u);
+    uint32_t remaining = c.remaining == UINT32_MAX ? reader.ReadMapCount() : c.remaining;
+    std::string outcome = Thrown([&] { reader.SkipToMapField(remaining, c.name); });
+    if (outcome == "no exception") outcome = "at " + std::to_string(reader.ReadPosInteger());
+    EXPECT_EQ(outcome + ", " + std::to_string(remaining) + " left", c.outcome) << c.hex << " " << c.name;
+    EXPECT_EQ(stream.remaining(), c.unread) << c.hex << " " << c.name;
+    if (c.remaining == 0) {
+      EXPECT_TRUE(stream.reads.empty());
+    }
   }
-  {
-    RecordingStream stream(Hex("82 a161 91 05 a162 02 c0"));
-    TinyMsgPackReader reader(&stream);
-    uint32_t remaining = reader.ReadMapCount();
-    EXPECT_EQ(Thrown([&] { reader.SkipToMapField(remaining, "ab"); }), "runtime_error: Map field not found.");
-    EXPECT_EQ(remaining, 0u);
-    EXPECT_EQ(stream.remaining(), 1u);  // both entries consumed, nothing more
-  }
-  {
-    RecordingStream stream(Hex("82 a161 01 a162 02"));
-    TinyMsgPackReader reader(&stream);
-    uint32_t remaining = reader.ReadMapCount();
-    reader.SkipToMapField(remaining, "a");
-    EXPECT_EQ(remaining, 1u);
-    EXPECT_EQ(reader.ReadPosInteger(), 1u);
-  }
-  RecordingStream empty(Hex("a161"));
-  TinyMsgPackReader reader(&empty);
-  uint32_t none = 0;
-  EXPECT_EQ(Thrown([&] { reader.SkipToMapField(none, "a"); }), "runtime_error: Map field not found.");
-  EXPECT_TRUE(empty.reads.empty());
-  RecordingStream badKey(Hex("01 02"));
-  TinyMsgPackReader badReader(&badKey);
-  uint32_t one = 1;
-  EXPECT_EQ(Thrown([&] { badReader.SkipToMapField(one, "a"); }), "runtime_error: Expected string.");
 }
 
 // `levels` containers nested in one another around a nil: arrays (91), maps
@@ -200,22 +178,6 @@ std::string ReadNested(const msgpacktest::Bytes& input, bool skip) {
   });
   if (outcome == "no exception" && stream.remaining() != 0) outcome = "left bytes";
   return outcome;
-}
-
-TEST(Codec, NestingBound) {
-  const uint32_t max = TinyMsgPackReader::kMaxDepth;
-  for (const std::string kinds : {"a", "m", "am"}) {
-    for (bool skip : {false, true}) {
-      EXPECT_EQ(ReadNested(Nested(max, kinds), skip), "no exception") << kinds << skip;
-      EXPECT_EQ(ReadNested(Nested(max + 1, kinds), skip), "runtime_error: Nesting too deep.") << kinds << skip;
-    }
-  }
-  // The refusal comes before the container is allocated: a huge count is not
-  // looked at when the depth is already exhausted.
-  msgpacktest::Bytes huge = Nested(max, "a");
-  huge.back() = 0xdd;
-  huge.insert(huge.end(), {0xff, 0xff, 0xff, 0xff});
-  EXPECT_EQ(ReadNested(huge, false), "runtime_error: Nesting too deep.");
 }
 
 // Runs `body` on a thread with a `size`-byte stack of our own, painted with a
@@ -248,21 +210,22 @@ size_t StackUsed(size_t size, std::function<void()> body) {
   return used;
 }
 
-// The deepest accepted input, read and skipped on a thread of its own, stays
-// well inside a 256 KiB stack, sanitizer builds included (their frames are the
-// largest). The per-level cost is recorded in the test report.
-TEST(Codec, DeepestInputFitsASmallThreadStack) {
+// At most kMaxDepth containers open at once, arrays, maps or both, through
+// ReadObject and Skip; the deepest accepted input, read on a thread of its
+// own, stays well inside a 256 KiB stack, sanitizer builds included (their
+// frames are the largest). The per-level cost is recorded in the test report.
+TEST(Codec, NestingBoundAndStack) {
   const uint32_t max = TinyMsgPackReader::kMaxDepth;
   size_t worstPerLevel = 0, worstTotal = 0;
-  for (const std::string kinds : {"a", "m"}) {
+  for (const std::string kinds : {"a", "m", "am"}) {
     for (bool skip : {false, true}) {
       std::string shallowOutcome, deepOutcome, tooDeepOutcome;
       const size_t shallow = StackUsed(1 << 20, [&] { shallowOutcome = ReadNested(Nested(1, kinds), skip); });
       const size_t deep = StackUsed(1 << 20, [&] { deepOutcome = ReadNested(Nested(max, kinds), skip); });
       StackUsed(1 << 20, [&] { tooDeepOutcome = ReadNested(Nested(max + 1, kinds), skip); });
-      ASSERT_EQ(shallowOutcome, "no exception");
-      ASSERT_EQ(deepOutcome, "no exception");
-      ASSERT_EQ(tooDeepOutcome, "runtime_error: Nesting too deep.");
+      ASSERT_EQ(shallowOutcome, "no exception") << kinds << skip;
+      ASSERT_EQ(deepOutcome, "no exception") << kinds << skip;
+      ASSERT_EQ(tooDeepOutcome, "runtime_error: Nesting too deep.") << kinds << skip;
       ASSERT_GT(deep, shallow);
       worstPerLevel = std::max(worstPerLevel, (deep - shallow) / (max - 1));
       worstTotal = std::max(worstTotal, deep);
@@ -272,6 +235,12 @@ TEST(Codec, DeepestInputFitsASmallThreadStack) {
   RecordProperty("stack_bytes_deepest", std::to_string(worstTotal));
   EXPECT_LT(worstPerLevel * max, 128u * 1024) << worstPerLevel << " bytes per level";
   EXPECT_LT(worstTotal, 256u * 1024);
+  // The refusal comes before the container is allocated: a huge count is not
+  // looked at when the depth is already exhausted.
+  msgpacktest::Bytes huge = Nested(max, "a");
+  huge.back() = 0xdd;
+  huge.insert(huge.end(), {0xff, 0xff, 0xff, 0xff});
+  EXPECT_EQ(ReadNested(huge, false), "runtime_error: Nesting too deep.");
 }
 
 }  // namespace

@@ -83,8 +83,14 @@ TEST(Object, DeepCopyHasCapacityEqualToSize) {
   EXPECT_EQ(assigned.capacity(), 0u);
 }
 
-// Copies carry a string's every byte, also those behind a zero byte.
-TEST(Object, StringsWithZeroBytesCopyWhole) {
+// A length of UINT32_MAX means strlen, a shorter one cuts the text; copies
+// carry every byte, also those behind a zero byte.
+TEST(Object, StringLengthsAndZeroBytes) {
+  EXPECT_EQ(O::CreateString("abc", UINT32_MAX).size(), 3u);
+  const O cut = O::CreateString("abcdef", 3);
+  EXPECT_STREQ(cut.stringValue(), "abc");
+  EXPECT_EQ(cut.size(), 3u);
+  EXPECT_EQ(Render(O::CreateString(nullptr, 5)), "s:");
   const O text = O::CreateString("ab\0cd", 5);
   O copy(text);
   O assigned;
@@ -93,14 +99,6 @@ TEST(Object, StringsWithZeroBytesCopyWhole) {
     ASSERT_EQ(o->size(), 5u);
     EXPECT_EQ(std::memcmp(o->stringValue(), "ab\0cd", 6), 0);
   }
-}
-
-TEST(Object, CreateStringLengths) {
-  EXPECT_EQ(O::CreateString("abc", UINT32_MAX).size(), 3u);
-  const O cut = O::CreateString("abcdef", 3);
-  EXPECT_STREQ(cut.stringValue(), "abc");
-  EXPECT_EQ(cut.size(), 3u);
-  EXPECT_EQ(Render(O::CreateString(nullptr, 5)), "s:");
 }
 
 TEST(Object, MoveLeavesNilAndSelfAssignmentChangesNothing) {
@@ -119,8 +117,9 @@ TEST(Object, MoveLeavesNilAndSelfAssignmentChangesNothing) {
 }
 
 // Assigning a value from inside the target's own tree reads it before the
-// target releases it (checked by the sanitizer build).
-TEST(Object, AssignFromOwnDescendant) {
+// target releases it (checked by the sanitizer build); an element moved within
+// its own container keeps working across growth; a container cannot hold itself.
+TEST(Object, ValuesFromTheirOwnTree) {
   O tree = O::CreateMap(1);
   tree.insert("a", ArrayOf({7, 8}, 2));
   tree = tree.valueForKey("a");
@@ -129,10 +128,6 @@ TEST(Object, AssignFromOwnDescendant) {
   outer.insert("b", Str("inner"));
   outer = std::move(outer.valueAt(0));
   EXPECT_EQ(Render(outer), "s:696e6e6572");
-}
-
-// An element moved within its own container keeps working across growth.
-TEST(Object, InsertOwnElement) {
   O map = O::CreateMap(1);
   map.insert("a", Str("v"));
   map.insert("b", std::move(map.valueAt(0)));  // the block grows underneath

@@ -104,61 +104,39 @@ TEST(Reader, RefusedTypeBytes) {
   }
 }
 
-// Every proper prefix of an item fails, and the type stays that of the item
-// before: m_type is set only once the whole item has been read.
-TEST(Reader, ShortStreamsFailAndKeepThePreviousType) {
-  const char* items[] = {"cc80",         "cd0100",
-                         "ce00010000",   "cf0000000100000000",
-                         "d0df",         "d1ff7f",
-                         "d2ffff7fff",   "d3ffffffff7fffffff",
-                         "ca3f800000",   "cb3ff0000000000000",
-                         "a3616263",     "d903616263",
-                         "da0003616263", "db00000003616263",
-                         "c403",         "c50003",
-                         "c600000003",   "dc0010",
-                         "dd00010000",   "de0010",
-                         "df00010000"};
-  for (const char* item : items) {
-    const msgpacktest::Bytes full = Hex(item);
+struct PieceCase {
+  std::string hex;
+  std::vector<size_t> reads;
+};
+
+// One stream call for the type byte, one per argument at its full width, one
+// for a string's text (none for an empty one); a blob's payload is not
+// touched. Every proper prefix of the item fails, and the type stays that of
+// the item before: m_type is set only once the whole item has been read.
+TEST(Reader, OneStreamReadPerPieceAndShortStreams) {
+  // clang-format off
+  const PieceCase cases[] = {
+      {"05", {1}}, {"cc80", {1, 1}}, {"cd0100", {1, 2}}, {"ce00010000", {1, 4}}, {"cf0000000100000000", {1, 8}},
+      {"d0df", {1, 1}}, {"d1ff7f", {1, 2}}, {"d2ffff7fff", {1, 4}}, {"d3ffffffff7fffffff", {1, 8}},
+      {"ca3f800000", {1, 4}}, {"cb3ff0000000000000", {1, 8}}, {"a0", {1}}, {"a3616263", {1, 3}},
+      {"d900", {1, 1}}, {"d903616263", {1, 1, 3}}, {"da0003616263", {1, 2, 3}}, {"db00000003616263", {1, 4, 3}},
+      {"c403", {1, 1}}, {"c50003", {1, 2}}, {"c600000003", {1, 4}}, {"dc0010", {1, 2}}, {"dd00010000", {1, 4}},
+      {"de0010", {1, 2}}, {"df00010000", {1, 4}}};
+  // clang-format on
+  for (const PieceCase& c : cases) {
+    const msgpacktest::Bytes full = Hex(c.hex);
+    RecordingStream whole(full);
+    ASSERT_TRUE(TinyMsgPackReader(&whole).Read()) << c.hex;
+    EXPECT_EQ(whole.reads, c.reads) << c.hex;
     for (size_t cut = 0; cut < full.size(); ++cut) {
       msgpacktest::Bytes input = {0xc3};
       input.insert(input.end(), full.begin(), full.begin() + cut);
       RecordingStream stream(input);
       TinyMsgPackReader reader(&stream);
       ASSERT_TRUE(reader.Read());
-      EXPECT_FALSE(reader.Read()) << item << " cut at " << cut;
-      EXPECT_EQ(reader.type(), TinyMsgPackObject::Bool) << item << " cut at " << cut;
+      EXPECT_FALSE(reader.Read()) << c.hex << " cut at " << cut;
+      EXPECT_EQ(reader.type(), TinyMsgPackObject::Bool) << c.hex << " cut at " << cut;
     }
-  }
-}
-
-struct ReadCallCase {
-  std::string hex;
-  std::vector<size_t> reads;
-};
-
-// One call for the type byte, one per argument at its full width, one for a
-// string's text (none for an empty one); blob payloads are not touched.
-TEST(Reader, OneStreamReadPerArgument) {
-  const ReadCallCase cases[] = {
-      {"05", {1}},
-      {"cd0100", {1, 2}},
-      {"d3ffffffff7fffffff", {1, 8}},
-      {"ca3f800000", {1, 4}},
-      {"a0", {1}},
-      {"a3616263", {1, 3}},
-      {"d900", {1, 1}},
-      {"da0003616263", {1, 2, 3}},
-      {"db00000003616263", {1, 4, 3}},
-      {"c403010203", {1, 1}},
-      {"dd00010000", {1, 4}},
-      {"df00010000", {1, 4}},
-  };
-  for (const ReadCallCase& c : cases) {
-    RecordingStream stream(Hex(c.hex));
-    TinyMsgPackReader reader(&stream);
-    ASSERT_TRUE(reader.Read()) << c.hex;
-    EXPECT_EQ(stream.reads, c.reads) << c.hex;
   }
 }
 
