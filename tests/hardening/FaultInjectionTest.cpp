@@ -229,16 +229,9 @@ class Rig {
   std::unique_ptr<zeb::trk::CTrkInterface> m_fs;
 };
 
-// Reads a whole movie file; the bytes must be the drive's pattern.
+// Reads a whole movie file of six frames; the bytes must be the drive's.
 void ExpectMovieReads(zeb::trk::CTrkInterface& fs, const std::string& path, unsigned int fileId) {
-  zeb::TSharedPtr<zeb::IFile> file = fs.OpenFile(path.c_str(), 0);
-  ASSERT_TRUE(file);
-  ASSERT_EQ(file->GetSize(), static_cast<long>(6 * kFrameBytes));
-  std::vector<unsigned char> bytes(6 * kFrameBytes);
-  ASSERT_EQ(file->Read(bytes.data(), static_cast<unsigned int>(bytes.size())), bytes.size());
-  for (size_t i = 0; i < bytes.size(); ++i) {
-    ASSERT_EQ(bytes[i], PatternByte(fileId, i / kFrameBytes, i % kFrameBytes)) << "byte " << i;
-  }
+  EXPECT_EQ(WrongBytes(fs, path, fileId, kFrameBytes, 6 * kFrameBytes), 0) << path;
 }
 
 // The service closes the request connection before, inside or after its

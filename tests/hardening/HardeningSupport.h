@@ -54,6 +54,13 @@ void DestroyWithin(std::unique_ptr<zeb::trk::CTrkInterface>& fs, std::chrono::se
 // joinable); false when it runs on past the test's patience.
 bool MonitoringEnded(zeb::trk::CTrkInterface& fs);
 
+// Reads the movie file at `path` whole, in pieces of 1000 bytes, and counts
+// the bytes that differ from the drive's pattern of movie `fileId` (frames of
+// `frameBytes`); one more when the file does not open, is not `size` bytes
+// long (any size but 0 when `size` is 0) or ends early.
+long WrongBytes(zeb::trk::CTrkInterface& fs, const std::string& path, unsigned int fileId, size_t frameBytes,
+                size_t size = 0);
+
 // The names of a listing, in order.
 std::vector<std::string> Names(const zeb::IFileSystem::CDirectoryListing& listing);
 

@@ -61,24 +61,6 @@ class ThreadsTest : public ::testing::Test {
   std::unique_ptr<zeb::trk::CTrkInterface> m_fs;
 };
 
-// Reads movie `fileId` whole in pieces of 1000 bytes and counts the bytes
-// that differ from the drive's pattern (or are missing).
-long ReadAndCompare(zeb::trk::CTrkInterface& fs, const std::string& path, unsigned int fileId, size_t frameBytes) {
-  zeb::TSharedPtr<zeb::IFile> file = fs.OpenFile(path.c_str(), 0);
-  if (!file || file->GetSize() <= 0) return 1;
-  const size_t size = static_cast<size_t>(file->GetSize());
-  std::vector<unsigned char> bytes(1000);
-  long wrong = 0;
-  for (size_t at = 0; at < size;) {
-    const unsigned int got = file->Read(bytes.data(), static_cast<unsigned int>(bytes.size()));
-    if (got == 0) return wrong + 1;
-    for (unsigned int i = 0; i < got; ++i, ++at) {
-      wrong += bytes[i] != PatternByte(fileId, at / frameBytes, at % frameBytes);
-    }
-  }
-  return wrong;
-}
-
 TEST_F(ThreadsTest, RefreshesWhileHostThreadsListLookUpAndReadTwoMovies) {
   std::atomic<int> calls(0);
   m_fs->AddFilesChangedHandler(zeb::delegate<void()>::FromLamda([&calls] { ++calls; }));
@@ -92,7 +74,7 @@ TEST_F(ThreadsTest, RefreshesWhileHostThreadsListLookUpAndReadTwoMovies) {
     host.emplace_back([&, fileId, movie, path] {
       // At least two whole reads, however quickly the refreshes go by.
       for (int round = 0; round < 2 || !stop; ++round) {
-        wrongBytes += ReadAndCompare(*m_fs, path, fileId, size_t{movie.width} * movie.height * 2);
+        wrongBytes += WrongBytes(*m_fs, path, fileId, size_t{movie.width} * movie.height * 2);
         ++rounds;
       }
     });
@@ -205,7 +187,7 @@ TEST_F(ThreadsTest, DestroyedWhileTheMonitoringThreadWaitsOrRefreshes) {
     for (unsigned int fileId : {0u, 1u}) {
       host.emplace_back([&, fileId] {
         const FakeDrive::Movie movie = Movies()[fileId];
-        EXPECT_EQ(ReadAndCompare(*m_fs, m_drive->Path(fileId), fileId, size_t{movie.width} * movie.height * 2), 0);
+        EXPECT_EQ(WrongBytes(*m_fs, m_drive->Path(fileId), fileId, size_t{movie.width} * movie.height * 2), 0);
       });
     }
     for (std::thread& thread : host) thread.join();

@@ -38,18 +38,8 @@ constexpr std::chrono::seconds kPatience(20);
 
 // Command ordinals.
 enum EOrd : long long {
-  kDetect = 0,
-  kList = 1,
-  kInfo = 2,
-  kIndex = 3,
-  kOpen = 4,
-  kClose = 5,
-  kFrame = 6,
-  kDelete = 7,
-  kReadInfo = 9,
-  kCreateQueue = 10,
-  kDestroyQueue = 11,
-  kReadQueue = 12,
+  kDetect = 0, kList = 1, kInfo = 2, kIndex = 3, kOpen = 4, kClose = 5, kFrame = 6, kDelete = 7, kReadInfo = 9,
+  kCreateQueue = 10, kDestroyQueue = 11, kReadQueue = 12,
 };
 
 // The queue id the drive hands out.
