@@ -337,7 +337,8 @@ void TinyMsgPackReader::ReadMapInto(TinyMsgPackObject& slot, uint32_t depth) {
   TinyMsgPackObject map = TinyMsgPackObject::CreateMap(n);
   slot.TakeFrom(map);
   for (uint32_t i = 0; i < n; ++i) {
-    ReadExpecting(TinyMsgPackObject::String, "Expected string.");
+    if (!Read()) Fail(kFailedToRead);
+    if (m_type != TinyMsgPackObject::String) Fail("Expected string.");
     const size_t keyLength = std::strlen(m_string.c_str());
     std::unique_ptr<char[]> key(new char[keyLength + 1]);
     std::memcpy(key.get(), m_string.c_str(), keyLength + 1);
