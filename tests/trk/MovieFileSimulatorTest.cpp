@@ -1,15 +1,19 @@
-// Movie files against the zebtrksvc simulator serving a temporary drive: the
-// bytes read equal the drive's data files, information files equal the
-// drive's, a movie beyond 4 GiB reads right at its end, the imager file
-// factory opens movies and reads every frame with its time stamp, and files
-// of one movie read side by side, from two threads and after one of them is
-// gone.
+// The file system and its movie files against the zebtrksvc simulator serving
+// a temporary drive: the bytes read equal the drive's data files, information
+// files equal the drive's, a movie beyond 4 GiB reads right at its end, the
+// imager file factory opens movies and reads every frame with its time stamp,
+// files of one movie read side by side, from two threads and after one of
+// them is gone, removal, decoded times, and a movie written to the drive
+// reaching the handlers; nothing is left open at the end.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <cstring>
 #include <memory>
 #include <random>
@@ -19,6 +23,7 @@
 
 #include <zeb/file/CImagerFileFactory.h>
 
+#include "tests/support/ResourceSnapshot.h"
 #include "tests/trk/TrkTestSupport.h"
 #include "trk/CTrkImagerFile.h"
 
@@ -31,6 +36,9 @@ const unsigned int kBigWidth = 1280, kBigHeight = 1024, kBigFrames = 1700;
 const long kBigFrameBytes = long{kBigWidth} * kBigHeight * 2;
 const long kBigSize = kBigFrameBytes * kBigFrames;  // 4,456,448,000 bytes
 const long kOtherFrameBytes = 32 * 16 * 2;
+// 2024-05-02 (day 123) 04:05:06.789012 UTC in ticks; frames 40 ms apart.
+constexpr long kRunStart = 116444736000000000L + 1714622706L * 10000000L + 7890120L;
+constexpr long kPeriod = 400000;
 
 // A raw pair on the drive with seeded pixels and time stamps.
 bool WriteMovie(const std::string& drive, const char* stem, unsigned int width, unsigned int height,
@@ -72,9 +80,10 @@ class Simulator {
     EXPECT_TRUE(WriteMovie(m_drive, "3-Small", 64, 48, 12, 3));
     EXPECT_TRUE(WriteMovie(m_drive, "4-Other", 32, 16, 20, 4));
     EXPECT_TRUE(WriteMovie(m_drive, "1-Gone", 8, 8, 2, 7));
+    EXPECT_TRUE(trktest::WriteRaw(m_drive + "/2-Timed.dat", 4, 3, 5, kRunStart, kPeriod));
     WriteBigMovie(m_drive);
     m_service.reset(new trktest::ServiceProcess(ZEBTRKSVC_BINARY, m_drive));
-    EXPECT_TRUE(m_service->WaitUntilServing(4));
+    EXPECT_TRUE(m_service->WaitUntilServing(5));
     m_fs.reset(new zeb::trk::CTrkInterface);
   }
   ~Simulator() { m_fs.reset(); }
@@ -91,16 +100,24 @@ class Simulator {
 
 class SimulatorTest : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() { s_simulator = new Simulator; }
+  static void SetUpTestSuite() {
+    s_before = new testsupport::ResourceSnapshot;
+    s_simulator = new Simulator;
+  }
+  // Nothing of the file system or its files is left open.
   static void TearDownTestSuite() {
     delete s_simulator;
     s_simulator = nullptr;
+    EXPECT_EQ(s_before->Leaks(), "");
+    delete s_before;
   }
   Simulator& sim() { return *s_simulator; }
   zeb::trk::CTrkInterface& fs() { return s_simulator->fs(); }
   static Simulator* s_simulator;
+  static testsupport::ResourceSnapshot* s_before;
 };
 Simulator* SimulatorTest::s_simulator = nullptr;
+testsupport::ResourceSnapshot* SimulatorTest::s_before = nullptr;
 
 TEST_F(SimulatorTest, RandomReadsAndTheInformationFileEqualTheDrives) {
   zeb::TSharedPtr<zeb::IFile> info = fs().OpenFile("trk://3-Small:INFO", 0);
@@ -269,6 +286,45 @@ TEST_F(SimulatorTest, RemovalDeletesTheMovieFromTheDrive) {
   ASSERT_TRUE(file.GetFrame(pixels.data(), kBigFrames - 1, preset, objects));
   const std::vector<unsigned char> tail = BigTail();
   EXPECT_EQ(std::memcmp(pixels.data(), tail.data() + tail.size() - kBigFrameBytes, kBigFrameBytes), 0);
+}
+
+// The listing shows the recorder's decoded times, and a movie written to the
+// drive reaches the files-changed handlers and the listing through a real
+// change event.
+TEST_F(SimulatorTest, DecodedTimesAndDriveChangesReachTheListing) {
+  const zeb::IFileSystem::CDirectoryEntry timed = fs().GetInfo("trk://2-Timed");
+  EXPECT_EQ(timed.size, 4u * 3 * 5 * 2);
+  EXPECT_EQ(trktest::Prop(timed, "startTime"), "123:04:05:06.789012");
+  EXPECT_EQ(trktest::Prop(timed, "endTime"), "123:04:05:06.949012");
+  EXPECT_EQ(trktest::Prop(timed, "duration"), "160000");
+
+  std::vector<std::string> names = trktest::Names(fs().GetDirectoryListing("/", ""));
+  std::mutex mutex;
+  std::condition_variable changed;
+  int calls = 0;
+  fs().AddFilesChangedHandler(zeb::delegate<void()>::FromLamda([&] {
+    std::lock_guard<std::mutex> guard(mutex);
+    ++calls;
+    changed.notify_all();
+  }));
+  ASSERT_TRUE(trktest::WriteRaw(sim() / "6-New.dat", 4, 3, 1, kRunStart, kPeriod));
+  // Writing a pair may announce more than one change; wait for the one
+  // after which the new movie is listed. (Never list with `mutex` held: the
+  // handler takes it while the refresh holds the cache lock.)
+  bool listed = false;
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  for (int seen = 0; !listed && std::chrono::steady_clock::now() < limit;) {
+    {
+      std::unique_lock<std::mutex> guard(mutex);
+      changed.wait_until(guard, limit, [&] { return calls > seen; });
+      seen = calls;
+    }
+    listed = trktest::Names(fs().GetDirectoryListing("/", "")).size() == names.size() + 1;
+  }
+  EXPECT_TRUE(listed);
+  names.push_back("6-New");
+  EXPECT_EQ(trktest::Names(fs().GetDirectoryListing("/", "")), names);
+  EXPECT_EQ(fs().GetInfo("/6-New").type, 2u);
 }
 
 }  // namespace
