@@ -90,13 +90,14 @@ std::vector<STrkMovieInfo> SampleMovies() {
           Movie(14, ""), Movie(15, "run b")};
 }
 
-TEST(ListingTest, RootAndFilters) {
+TEST(ListingTest, RootFiltersAndOtherDirectories) {
   CachedFileSystem fs(SampleMovies());
   struct Case {
     const char* path;
     const char* filter;
     std::vector<std::string> names;
     std::vector<std::string> indexes;
+    bool root = true;  // false: the listing's path is GetFullPath(path)
   };
   const std::vector<std::string> all = {"12-Run A", "13-Test", "12-Run A", "14-", "15-run b"};
   const Case cases[] = {
@@ -109,12 +110,17 @@ TEST(ListingTest, RootAndFilters) {
       {"/", "12*", {}, {}},
       {"/", "*.dat", {}, {}},
       {"/", "T?st", {"13-Test"}, {"1"}},
+      // Anything but the root is empty, and keeps its own full path.
+      {"/12-Run A", "", {}, {}, false},
+      {"/sub", "", {}, {}, false},
+      {"trk:///sub/", "", {}, {}, false},
+      {"sub", "", {}, {}, false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.path) + " | " + c.filter);
     const IFileSystem::CDirectoryListing listing = fs->GetDirectoryListing(c.path, c.filter);
     EXPECT_EQ(listing.fileSystem, &*fs);
-    EXPECT_STREQ(listing.path.c_str(), "/");
+    EXPECT_STREQ(listing.path.c_str(), c.root ? "/" : fs->GetFullPath(c.path).c_str());
     EXPECT_EQ(Names(listing), c.names);
     std::vector<std::string> indexes;
     for (const auto& entry : listing.entries) {
@@ -127,17 +133,6 @@ TEST(ListingTest, RootAndFilters) {
   EXPECT_EQ(first.entries[0].type, 2u);
   EXPECT_EQ(first.entries[0].size, 61440000u);
   EXPECT_EQ(Prop(first.entries[1], "width"), "320");
-}
-
-TEST(ListingTest, AnythingButTheRootIsEmpty) {
-  CachedFileSystem fs(SampleMovies());
-  for (const char* path : {"/12-Run A", "/sub", "trk:///sub/", "sub"}) {
-    SCOPED_TRACE(path);
-    const IFileSystem::CDirectoryListing listing = fs->GetDirectoryListing(path, "");
-    EXPECT_EQ(listing.entries.size(), 0u);
-    EXPECT_EQ(listing.fileSystem, &*fs);
-    EXPECT_STREQ(listing.path.c_str(), fs->GetFullPath(path).c_str());
-  }
 }
 
 TEST(GetInfoTest, Lookups) {

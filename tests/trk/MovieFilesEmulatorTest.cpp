@@ -68,7 +68,7 @@ TEST(EmulatedOpenTest, PathsMapToCacheFiles) {
   EXPECT_EQ(ReadFile(home / "9-New.dat"), "abc");
 }
 
-TEST(EmulatedRemoveTest, RemovesTheMovieAndItsCompanions) {
+TEST(EmulatedRemoveTest, RemovesTheMovieAndItsCompanionsWhenItsDataFileIsThere) {
   EmulatorHome home;
   ASSERT_TRUE(home.WriteRaw("7-Fire", 4, 2, 3));
   ASSERT_TRUE(home.WriteRaw("8-Ice", 4, 2, 3));
@@ -93,21 +93,16 @@ TEST(EmulatedRemoveTest, RemovesTheMovieAndItsCompanions) {
   EXPECT_TRUE(fs.RemoveFile("/8-Ice"));
   EXPECT_EQ(calls, 2);
   EXPECT_FALSE(Exists(home / "8-Ice.dat"));
-}
 
-TEST(EmulatedRemoveTest, MissingDataFileRemovesNothing) {
-  EmulatorHome home;
-  ASSERT_TRUE(WriteFile(home / "7-Fire.info", "info"));
-  ASSERT_TRUE(WriteFile(home / "7-Fire.meta", "[meta]\n"));
+  // Without a ".dat" nothing is removed and no handler is called.
+  ASSERT_TRUE(WriteFile(home / "9-Ash.info", "info"));
+  ASSERT_TRUE(WriteFile(home / "9-Ash.meta", "[meta]\n"));
   ASSERT_TRUE(WriteFile(home / ".dat", "stray"));
-  zeb::trk::CTrkInterface fs;
-  int calls = 0;
-  fs.AddFilesChangedHandler(zeb::delegate<void()>::FromLamda([&calls] { ++calls; }));
-  for (const char* path : {"trk://7-Fire", "trk://7-Fire:info", "trk:///", ""}) {
+  for (const char* path : {"trk://9-Ash", "trk://9-Ash:info", "trk:///", ""}) {
     EXPECT_FALSE(fs.RemoveFile(path)) << path;
   }
-  EXPECT_EQ(calls, 0);
-  for (const char* name : {"7-Fire.info", "7-Fire.meta", ".dat"}) {
+  EXPECT_EQ(calls, 2);
+  for (const char* name : {"9-Ash.info", "9-Ash.meta", ".dat"}) {
     EXPECT_TRUE(Exists(home / name)) << name;
   }
 }
