@@ -253,19 +253,8 @@ size_t FakeService::ConnectionCount() const {
   return m_connections.size();
 }
 
-size_t FakeService::OpenConnectionCount() const {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  return static_cast<size_t>(std::count_if(m_connections.begin(), m_connections.end(),
-                                           [](const std::unique_ptr<Connection>& c) { return c->open; }));
-}
-
 bool FakeService::WaitForRequests(size_t count, std::chrono::milliseconds limit) const {
   return WaitUntil([&] { return m_requests.size() >= count; }, limit);
-}
-
-bool FakeService::WaitForRequest(const std::function<bool(const Request&)>& match,
-                                 std::chrono::milliseconds limit) const {
-  return WaitUntil([&] { return std::any_of(m_requests.begin(), m_requests.end(), match); }, limit);
 }
 
 bool FakeService::WaitForOpenConnections(size_t count, std::chrono::milliseconds limit) const {

@@ -26,7 +26,7 @@
 //
 // Threads: every public operation may be called from any thread. Handlers run
 // on the connection threads, concurrently with each other and with no lock of
-// the fake held; they may call the fake (WaitForRequest is meant for that),
+// the fake held; they may call the fake (its waits, for instance),
 // and must return soon after Stop() (the fake's waits return false then).
 #pragma once
 
@@ -169,16 +169,13 @@ class FakeService {
   // Copies of the requests received so far, in order of arrival.
   std::vector<Request> Requests() const;
   size_t RequestCount() const;
-  // Connections accepted so far, and those still open on the fake's side.
+  // Connections accepted so far.
   size_t ConnectionCount() const;
-  size_t OpenConnectionCount() const;
 
   // Each waits until its condition holds and returns true; false when
   // `limit` passes first, or when the fake stops without the condition
   // holding.
   bool WaitForRequests(size_t count, std::chrono::milliseconds limit = kWaitLimit) const;
-  bool WaitForRequest(const std::function<bool(const Request&)>& match,
-                      std::chrono::milliseconds limit = kWaitLimit) const;
   bool WaitForOpenConnections(size_t count, std::chrono::milliseconds limit = kWaitLimit) const;
 
  private:
