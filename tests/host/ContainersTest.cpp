@@ -2,6 +2,7 @@
 // number parsing.
 #include <gtest/gtest.h>
 
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -78,6 +79,55 @@ TEST(TArrayTest, RemoveKeepsOrderDestroysInPlaceAndCopiesAreDeep) {
     EXPECT_EQ(moved[0].value, 7);
   }
   EXPECT_EQ(SCounted::live, 0);
+}
+
+// Copies and moves throw while `armed` (a type whose move may throw, as a
+// copy that allocates may); counts live instances.
+struct SFragile {
+  static int live;
+  static bool armed;
+  int value;
+  explicit SFragile(int v) : value(v) { ++live; }
+  SFragile(const SFragile& o) : value(o.value) {
+    if (armed) throw std::runtime_error("copy");
+    ++live;
+  }
+  SFragile& operator=(const SFragile&) = default;
+  ~SFragile() { --live; }
+};
+int SFragile::live = 0;
+bool SFragile::armed = false;
+
+// An element whose copy throws leaves count, elements and live instances as
+// they were: with room to spare, across a growth, at the end and in the middle.
+TEST(TArrayTest, ThrowingCopyLeavesTheArrayAsItWas) {
+  struct SCase {
+    const char* name;
+    int elements;  // before the failing call, in a capacity of 4
+    void (*action)(TArray<SFragile>&, const SFragile&);
+  };
+  const SCase cases[] = {
+      {"add with room", 3, [](TArray<SFragile>& a, const SFragile& v) { a.Add(v); }},
+      {"add growing", 4, [](TArray<SFragile>& a, const SFragile& v) { a.Add(v); }},
+      {"insert at end", 3, [](TArray<SFragile>& a, const SFragile& v) { a.Insert(3, v); }},
+      {"insert in middle", 3, [](TArray<SFragile>& a, const SFragile& v) { a.Insert(1, v); }},
+  };
+  for (const SCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    {
+      TArray<SFragile> array;
+      array.Reserve(4);
+      for (int i = 0; i < c.elements; ++i) array.Add(SFragile(i));
+      const SFragile value(9);
+      SFragile::armed = true;
+      EXPECT_THROW(c.action(array, value), std::runtime_error);
+      SFragile::armed = false;
+      ASSERT_EQ(array.size(), static_cast<unsigned long>(c.elements));
+      EXPECT_EQ(SFragile::live, c.elements + 1);
+      for (int i = 0; i < c.elements; ++i) EXPECT_EQ(array[i].value, i);
+    }
+    EXPECT_EQ(SFragile::live, 0);
+  }
 }
 
 TEST(TArrayTest, IndexErrorsCarryTheirMessages) {

@@ -17,8 +17,10 @@
 // CBadAllocException and leaves the array as it was.
 //
 // Storage of trivially copyable types is resized with Realloc; other types
-// are moved element by element into a new block from Alloc, so types that are
-// not bitwise relocatable are safe.
+// are moved element by element into a new block from Alloc (copied when their
+// move may throw), so types that are not bitwise relocatable are safe. Add,
+// Insert and growth give the strong guarantee: when an element's copy or move
+// throws, the array keeps its count and elements.
 //
 // Not thread-safe: callers guard shared arrays themselves.
 #pragma once
@@ -102,32 +104,36 @@ class TArray {
   const T& at(unsigned long index) const { return (*this)[index]; }
 
   // Appends a copy / the moved value at the end; returns the new element.
-  // `value` may be an element of this array.
+  // `value` may be an element of this array. The count rises only once the
+  // element is built, so a copy or move that throws leaves the array as it was.
   T& Add(const T& value) {
-    if (m_count < m_capacity) return *new (m_data + m_count++) T(value);
+    if (m_count < m_capacity) return Construct(value);
     T copy(value);
     Grow(m_count + 1);
-    return *new (m_data + m_count++) T(std::move(copy));
+    return Construct(std::move(copy));
   }
   T& Add(T&& value) {
-    if (m_count < m_capacity) return *new (m_data + m_count++) T(std::move(value));
+    if (m_count < m_capacity) return Construct(std::move(value));
     T moved(std::move(value));
     Grow(m_count + 1);
-    return *new (m_data + m_count++) T(std::move(moved));
+    return Construct(std::move(moved));
   }
   void push_back(const T& value) { Add(value); }
   void push_back(T&& value) { Add(std::move(value)); }
 
   // Inserts at `index` (<= count), moving later elements one place back.
-  // An index past the end raises "TArray: index out of range.".
+  // An index past the end raises "TArray: index out of range.". A type whose
+  // move may throw is inserted into a new block, so an exception leaves the
+  // array's elements as they were.
   T& Insert(unsigned long index, T value) {
     if (index > m_count) ThrowOutOfRangeException("TArray: index out of range.");
     Grow(m_count + 1);
-    if (index == m_count) return *new (m_data + m_count++) T(std::move(value));
+    if (index == m_count) return Construct(std::move(value));
+    if (!kNothrowMove) return InsertIntoNewBlock(index, value);
     new (m_data + m_count) T(std::move(m_data[m_count - 1]));
-    for (unsigned long i = m_count - 1; i > index; --i) m_data[i] = std::move(m_data[i - 1]);
-    m_data[index] = std::move(value);
     ++m_count;
+    for (unsigned long i = m_count - 2; i > index; --i) m_data[i] = std::move(m_data[i - 1]);
+    m_data[index] = std::move(value);
     return m_data[index];
   }
 
@@ -182,8 +188,42 @@ class TArray {
     if (index >= m_count) ThrowOutOfRangeException("TArray: index out of range.");
   }
 
+  static constexpr bool kNothrowMove =
+      std::is_nothrow_move_constructible<T>::value && std::is_nothrow_move_assignable<T>::value;
+
   void DestroyRange(unsigned long from, unsigned long to) {
     for (unsigned long i = from; i < to; ++i) m_data[i].~T();
+  }
+
+  // Builds the element behind the last one (capacity permitting), then counts it.
+  template <class U>
+  T& Construct(U&& value) {
+    new (m_data + m_count) T(std::forward<U>(value));
+    return m_data[m_count++];
+  }
+
+  // Insert for types whose move may throw: copies every element into a new
+  // block of the same capacity around the new one, and takes the block over
+  // only when all of them were built.
+  T& InsertIntoNewBlock(unsigned long index, const T& value) {
+    T* block = static_cast<T*>(Alloc(m_capacity * sizeof(T)));
+    if (!block) ThrowBadAllocException();
+    unsigned long built = 0;
+    try {
+      for (; built <= m_count; ++built) {
+        const T& source = built < index ? m_data[built] : built == index ? value : m_data[built - 1];
+        new (block + built) T(source);
+      }
+    } catch (...) {
+      for (unsigned long i = 0; i < built; ++i) block[i].~T();
+      Free(block);
+      throw;
+    }
+    DestroyRange(0, m_count);
+    Free(m_data);
+    m_data = block;
+    ++m_count;
+    return m_data[index];
   }
 
   // Ensures capacity >= needed, by the doubling rule. Strong guarantee.
@@ -203,10 +243,15 @@ class TArray {
     } else {
       T* block = static_cast<T*>(Alloc(bytes));
       if (!block) ThrowBadAllocException();
-      for (unsigned long i = 0; i < m_count; ++i) {
-        new (block + i) T(std::move(m_data[i]));
-        m_data[i].~T();
+      unsigned long built = 0;
+      try {  // a type whose move may throw is copied, so the old block stays whole
+        for (; built < m_count; ++built) new (block + built) T(std::move_if_noexcept(m_data[built]));
+      } catch (...) {
+        for (unsigned long i = 0; i < built; ++i) block[i].~T();
+        Free(block);
+        throw;
       }
+      DestroyRange(0, m_count);
       Free(m_data);
       m_data = block;
     }
