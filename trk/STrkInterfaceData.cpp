@@ -38,19 +38,50 @@ void STrkInterfaceData::ListMovies() {
   CallHandlers();
 }
 
+namespace {
+
+typedef zeb::delegate<void()> Handler;
+
+// One handler of a walk: a copy to call, and the three words of the
+// registered handler it was copied from. A copy's clone may return a new
+// target (delegates made by other code than ours may do so), so the copy
+// itself is not what identifies the registered handler.
+struct SWalkEntry {
+  Handler copy;
+  Handler::Invoker invoker;
+  void* target;
+  const Handler::STable* table;
+};
+
+bool IsRegistered(const zeb::TArray<Handler>& handlers, const SWalkEntry& entry) {
+  for (const Handler& handler : handlers) {
+    if (handler.invoker() == entry.invoker && handler.target() == entry.target && handler.table() == entry.table) {
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
 void STrkInterfaceData::CallHandlers() {
   std::lock_guard<std::recursive_mutex> guard(lock);
   // A handler may add or remove handlers (it runs on this thread, and `lock`
   // is recursive), so the walk must not run over `handlers` itself, which may
   // be reallocated or shortened under it. The snapshot's copies hold a
-  // reference to each target, so a handler that removes itself, or another
-  // one, cannot free a target that is still to be called.
-  const zeb::TArray<zeb::delegate<void()>> snapshot(handlers);
-  for (const zeb::delegate<void()>& handler : snapshot) {
+  // reference to each target (or a target of their own), so a handler that
+  // removes itself, or another one, cannot free a target that is still to be
+  // called.
+  zeb::TArray<SWalkEntry> snapshot;
+  snapshot.Reserve(handlers.size());
+  for (const Handler& handler : handlers) {
+    snapshot.Add(SWalkEntry{handler, handler.invoker(), handler.target(), handler.table()});
+  }
+  for (const SWalkEntry& entry : snapshot) {
     // Removed during this walk: not called again (the host may already have
     // released what the handler uses).
-    if (handlers.IndexOf(handler) == zeb::TArray<zeb::delegate<void()>>::npos) continue;
-    handler();
+    if (!IsRegistered(handlers, entry)) continue;
+    entry.copy();
   }
 }
 

@@ -64,8 +64,9 @@ struct STrkInterfaceData {
   //
   // A handler may add or remove handlers while it runs: the walk goes over a
   // snapshot (copies of the delegates, which keep their targets alive for the
-  // walk), and before each call it checks that the handler is still
-  // registered. So a handler removed during the walk is not called again,
+  // walk), and before each call it checks that the handler it copied (by the
+  // registered handler's three words, not the copy's: a copy may get a target
+  // of its own) is still registered. So a handler removed during the walk is not called again,
   // even when it comes later in the snapshot (a host may free its user data
   // right after removing it); a handler added during the walk is called from
   // the next walk on. Raises the framework's out-of-memory exception when the

@@ -237,14 +237,25 @@ zeb::delegate<void()> Handler(Counter& counter) {
   });
 }
 
+// A handler whose copies get targets of their own, as the framework allows a
+// delegate's clone to do.
+struct SOwnTarget {
+  Counter* counter;
+};
+void InvokeOwn(void* target) { Counter& c = *static_cast<SOwnTarget*>(target)->counter; ++c.calls; c.onCall(); }
+void* CloneOwn(void* target) { return new SOwnTarget(*static_cast<SOwnTarget*>(target)); }
+void DestroyOwn(void* target) { delete static_cast<SOwnTarget*>(target); }
+const zeb::delegate<void()>::STable kOwnTable = {&CloneOwn, &DestroyOwn};
+
 TEST(HandlerTest, AddRemoveAndOrder) {
   CachedFileSystem fs({});
-  Counter a, b, c;
+  Counter a, b, c, d;
   zeb::delegate<void()> ha = Handler(a), hb = Handler(b), hc = Handler(c);
   std::vector<char> order;
   a.onCall = [&] { order.push_back('a'); };
   b.onCall = [&] { order.push_back('b'); };
   c.onCall = [&] { order.push_back('c'); };
+  d.onCall = [&] { order.push_back('d'); };
 
   fs->AddFilesChangedHandler(ha);
   fs->AddFilesChangedHandler(ha);  // equal: ignored
@@ -257,16 +268,18 @@ TEST(HandlerTest, AddRemoveAndOrder) {
   fs->AddFilesChangedHandler(std::move(secondB));  // equal: ignored, left as it was
   EXPECT_TRUE(secondB == hb);
   fs->AddFilesChangedHandler(hc);
-  EXPECT_EQ(fs->data()->handlers.size(), 3u);
+  const zeb::delegate<void()> hd(&InvokeOwn, new SOwnTarget{&d}, &kOwnTable);
+  fs->AddFilesChangedHandler(hd);  // registers a copy with a new target
+  EXPECT_EQ(fs->data()->handlers.size(), 4u);
 
   fs->data()->ListMovies();  // no service: empty cache, handlers called all the same
-  EXPECT_EQ(order, (std::vector<char>{'a', 'b', 'c'}));
+  EXPECT_EQ(order, (std::vector<char>{'a', 'b', 'c', 'd'}));
 
   fs->RemoveFilesChangedHandler(zeb::delegate<void()>(hb));  // a copy removes it
   fs->RemoveFilesChangedHandler(hb);                         // no longer there: nothing
   order.clear();
   fs->data()->ListMovies();
-  EXPECT_EQ(order, (std::vector<char>{'a', 'c'}));
+  EXPECT_EQ(order, (std::vector<char>{'a', 'c', 'd'}));
   EXPECT_EQ(fs->data()->movies.size(), 0u);
 }
 
