@@ -15,6 +15,7 @@
 #include "trk/CacheDir.h"
 #include "trk/EntryMetadata.h"
 #include "trk/STrkInterfaceData.h"
+#include "trk/Text.h"
 
 namespace zeb {
 namespace trk {
@@ -40,15 +41,10 @@ void StartService(STrkInterfaceData& data) {
   // destructor that must not wait for ever on a silent service.
   const bool connected = data.client.Connect();
   if (connected) data.client.PrepareShutdown();
-  if (connected && data.client.DetectDrive()) {
-    // A refresh that cannot grow the cache leaves it empty; the file system
-    // is built all the same, since a constructor that throws would reach C
-    // hosts that cannot catch.
-    try {
-      data.ListMovies();
-    } catch (const std::exception&) {
-    }
-  }
+  // A refresh that cannot grow the cache raises the out-of-memory exception,
+  // which leaves the constructor: the file system is not built, and the next
+  // call of instance() tries again.
+  if (connected && data.client.DetectDrive()) data.ListMovies();
   if (!data.eventClient.Connect()) return;
   data.eventClient.PrepareShutdown();
   zeb::CEvent created(false, false);
@@ -68,10 +64,11 @@ CTrkInterface::CTrkInterface() : m_data(new STrkInterfaceData) {
   try {
     m_data->emulator = EmulatorRequested();
     if (!m_data->emulator) StartService(*m_data);
-    zeb::CUriHandler::instance()->RegisterHandler("trk:", this);
+    zeb::CUriHandler::instance()->RegisterHandler(Text("trk:"), this);
   } catch (...) {
-    // Only exhausted memory gets here (the registration): undo everything,
-    // so that the next call of instance() can try again from scratch.
+    // Only exhausted memory gets here (the first refresh or the
+    // registration): undo everything, so that the next call of instance()
+    // can try again from scratch.
     m_data->StopMonitoring();
     m_data->client.Disconnect();
     delete m_data;
@@ -139,14 +136,14 @@ zeb::CString MovieFileName(const STrkMovieInfo& movie) {
 void ListEmulated(zeb::IFileSystem* self, zeb::IFileSystem::CDirectoryListing& listing) {
   const zeb::CString cacheDir = GetCacheDir();
   if (cacheDir.empty()) return;  // no home directory: nothing to serve
-  listing = zeb::fileSystem()->GetDirectoryListing(cacheDir, "*.dat");
+  listing = zeb::fileSystem()->GetDirectoryListing(cacheDir, Text("*.dat"));
   listing.fileSystem = self;
   listing.path = "/";
   zeb::TArray<zeb::IFileSystem::CDirectoryEntry>& entries = listing.entries;
   for (unsigned long k = 0; k < entries.size();) {
     zeb::IFileSystem::CDirectoryEntry& entry = entries[k];
     entry.name = zeb::path::RemoveExtension(entry.name);
-    entry.path = zeb::path::MakePath("/", entry.name, '/');
+    entry.path = zeb::path::MakePath(Text("/"), entry.name, '/');
     if (GetDirectoryEntryMeta(entry)) {
       ++k;
     } else {
@@ -181,10 +178,13 @@ zeb::IFileSystem::CDirectoryListing CTrkInterface::GetDirectoryListing(const zeb
     entry.path = zeb::path::MakePath(full, entry.name, '/');
     FillMovieEntry(entry, movie, i);
     // A listing that cannot grow leaves this entry out and goes on: a
-    // partial listing serves the host better than an exception.
+    // partial listing serves the host better than an exception. Growth is
+    // the only thing that can throw here, and the framework's out-of-memory
+    // exception is caught without naming its type, which is not part of the
+    // framework contract that the plug-in links against.
     try {
       listing.entries.Add(std::move(entry));
-    } catch (const zeb::CBadAllocException&) {
+    } catch (...) {
     }
   }
   return listing;
@@ -204,7 +204,7 @@ zeb::IFileSystem::CDirectoryEntry CTrkInterface::GetInfo(const zeb::CString& pat
     }
     entry = zeb::fileSystem()->GetInfo(zeb::path::MakePath(cacheDir, entry.name + ".dat", '/'));
     entry.name = zeb::path::RemoveExtension(entry.name);
-    entry.path = zeb::path::MakePath("/", entry.name, '/');
+    entry.path = zeb::path::MakePath(Text("/"), entry.name, '/');
     if (!GetDirectoryEntryMeta(entry)) entry.type = kTypeNone;
     return entry;
   }

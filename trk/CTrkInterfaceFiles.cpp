@@ -15,6 +15,7 @@
 #include "trk/CTrkInterface.h"
 #include "trk/CacheDir.h"
 #include "trk/STrkInterfaceData.h"
+#include "trk/Text.h"
 
 namespace zeb {
 namespace trk {
@@ -44,7 +45,7 @@ zeb::CString EmulatedPath(const zeb::CString& name, const char* extension) {
 }
 
 zeb::CString Property(const zeb::IFileSystem::CDirectoryEntry& entry, const char* name) {
-  return entry.properties.GetValue(name);
+  return entry.properties.GetValue(Text(name));
 }
 
 }  // namespace
@@ -99,7 +100,7 @@ bool CTrkInterface::RemoveFile(const zeb::CString& path) {
   // its movie file name.
   const CDirectoryEntry entry = GetInfo(path);
   if (entry.type != kTypeFile) return false;
-  if (!entry.properties.HasValue("index")) return false;
+  if (!entry.properties[Text("index")].exists()) return false;
   const unsigned int index = zeb::CUInt32::Parse(Property(entry, "index").c_str());
   if (!m_data->client.DeleteMovie(index)) return false;
   m_data->ListMovies();  // also calls the files-changed handlers

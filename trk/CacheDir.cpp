@@ -9,6 +9,8 @@
 
 #include <zeb/Path.h>
 
+#include "trk/Text.h"
+
 namespace zeb {
 namespace trk {
 
@@ -25,7 +27,7 @@ zeb::CString CacheDirFor(const char* home, const char* passwordHome) {
   // path, which would read and write ".meta" files below whatever directory
   // the host happens to run in.
   if (!home) return zeb::CString();
-  return zeb::path::MakePath(home, kCacheDirName, '/');
+  return zeb::path::MakePath(Text(home), Text(kCacheDirName), '/');
 }
 
 namespace {

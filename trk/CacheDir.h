@@ -1,6 +1,7 @@
 // CacheDir: the per-user directory ".cache/Ostrel Systems/TRK" below the home
 // directory, where the plug-in keeps files of its own and where emulator mode
-// finds its movies. Internal to the plug-in (not exported).
+// finds its movies. Exported with default visibility like every function of
+// the library.
 //
 // Pure functions of the environment: nothing is cached between calls, the
 // directory is neither created nor tested. Thread-safe as far as getenv and
@@ -8,8 +9,6 @@
 #pragma once
 
 #include <zeb/CString.h>
-
-#define ZEBTRK_INTERNAL __attribute__((visibility("hidden")))
 
 namespace zeb {
 namespace trk {
@@ -21,11 +20,11 @@ namespace trk {
 // is empty: there is then no cache directory, and callers must treat an empty
 // result as "nothing there" rather than resolve it against the process's
 // working directory.
-ZEBTRK_INTERNAL zeb::CString CacheDirFor(const char* home, const char* passwordHome);
+zeb::CString CacheDirFor(const char* home, const char* passwordHome);
 
 // CacheDirFor(getenv("HOME"), home of getpwuid(getuid())); the password
 // database is consulted only when HOME is unset.
-ZEBTRK_INTERNAL zeb::CString GetCacheDir();
+zeb::CString GetCacheDir();
 
 }  // namespace trk
 }  // namespace zeb

@@ -9,6 +9,7 @@
 #include <zeb/reduce/CReduceObjectArray.h>
 
 #include "trk/CacheDir.h"
+#include "trk/Text.h"
 
 namespace zeb {
 namespace trk {
@@ -67,17 +68,17 @@ void FillMovieEntry(zeb::IFileSystem::CDirectoryEntry& entry, const STrkMovieInf
   entry.size = static_cast<std::uint64_t>(width) * numFrames * height * 2;
 
   zeb::CPropertyArray& properties = entry.properties;
-  properties.SetValue("width", zeb::CUInt16::ToString(width));
-  properties.SetValue("height", zeb::CUInt16::ToString(height));
-  properties.SetValue("numFrames", zeb::CUInt64::ToString(numFrames));
-  properties.SetValue("index", zeb::CUInt32::ToString(index));
+  properties.SetValue(zeb::trk::Text("width"), zeb::CUInt16::ToString(width));
+  properties.SetValue(zeb::trk::Text("height"), zeb::CUInt16::ToString(height));
+  properties.SetValue(zeb::trk::Text("numFrames"), zeb::CUInt64::ToString(numFrames));
+  properties.SetValue(zeb::trk::Text("index"), zeb::CUInt32::ToString(index));
   const SPackedTime start = DecodePackedTime(startTime);
   const SPackedTime end = DecodePackedTime(endTime);
-  properties.SetValue("startTime", FormatPackedTime(start));
-  properties.SetValue("endTime", FormatPackedTime(end));
+  properties.SetValue(zeb::trk::Text("startTime"), FormatPackedTime(start));
+  properties.SetValue(zeb::trk::Text("endTime"), FormatPackedTime(end));
   // Unsigned on purpose: an end before the start wraps and is shown as the
   // large number, as the recorder's own tools show it.
-  properties.SetValue("duration", zeb::CUInt64::ToString(TotalMicroseconds(end) - TotalMicroseconds(start)));
+  properties.SetValue(zeb::trk::Text("duration"), zeb::CUInt64::ToString(TotalMicroseconds(end) - TotalMicroseconds(start)));
 }
 
 }  // namespace trk
@@ -123,9 +124,9 @@ bool MakeStore(zeb::CINIStore& store, const zeb::CString& name, const zeb::CStri
                const zeb::CString& dataPath) {
   zeb::file::CRawImagerFile raw;
   if (!raw.Open(zeb::fileSystem(), dataPath, 0u)) return false;
-  store.SetString("meta/width", zeb::to_string(raw.xPixels()));
-  store.SetString("meta/height", zeb::to_string(raw.yPixels()));
-  store.SetString("meta/numFrames", zeb::to_string(raw.nFrames()));
+  store.SetString(zeb::trk::Text("meta/width"), zeb::to_string(raw.xPixels()));
+  store.SetString(zeb::trk::Text("meta/height"), zeb::to_string(raw.yPixels()));
+  store.SetString(zeb::trk::Text("meta/numFrames"), zeb::to_string(raw.nFrames()));
 
   zeb::CDateTime start;
   zeb::CDateTime end;
@@ -133,19 +134,19 @@ bool MakeStore(zeb::CINIStore& store, const zeb::CString& name, const zeb::CStri
   zeb::reduce::CReduceObjectArray objects;
   if (FrameTime(raw, 0, preset, objects, end)) {
     start = end;
-    store.SetString("meta/startTime", start.Format(kTimeFormat));
+    store.SetString(zeb::trk::Text("meta/startTime"), start.Format(kTimeFormat));
   }
   // nFrames() - 1 wraps for an empty file; the read then fails harmlessly.
   if (FrameTime(raw, raw.nFrames() - 1u, preset, objects, end)) {
-    store.SetString("meta/endTime", end.Format(kTimeFormat));
+    store.SetString(zeb::trk::Text("meta/endTime"), end.Format(kTimeFormat));
   }
-  store.SetString("meta/duration", zeb::to_string((end - start).GetTimestamp(1)));
+  store.SetString(zeb::trk::Text("meta/duration"), zeb::to_string((end - start).GetTimestamp(1)));
 
   const unsigned long hyphen = name.find('-', 0);
   if (hyphen == zeb::CString::npos) {
-    store.SetString("meta/index", "0");
+    store.SetString(zeb::trk::Text("meta/index"), zeb::trk::Text("0"));
   } else {
-    store.SetString("meta/index", name.SubString(0, static_cast<int>(hyphen)));
+    store.SetString(zeb::trk::Text("meta/index"), name.SubString(0, static_cast<int>(hyphen)));
   }
   store.Save(storePath);
   raw.Close();
@@ -161,11 +162,12 @@ bool GetDirectoryEntryMeta(zeb::IFileSystem::CDirectoryEntry& entry) {
 
   zeb::CINIStore store;
   if (!store.Load(storePath)) {
-    const zeb::CString dataPath = zeb::path::ChangeExtension(storePath, ".dat");
+    const zeb::CString dataPath = zeb::path::ChangeExtension(storePath, zeb::trk::Text(".dat"));
     if (!MakeStore(store, entry.name, storePath, dataPath)) return false;
   }
   for (const SMetaKey& key : kMetaKeys) {
-    entry.properties.SetValue(key.property, store.GetString(key.key, key.fallback));
+    entry.properties.SetValue(zeb::trk::Text(key.property),
+                              store.GetString(zeb::trk::Text(key.key), zeb::trk::Text(key.fallback)));
   }
   return true;
 }

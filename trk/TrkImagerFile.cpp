@@ -4,6 +4,7 @@
 #include <zeb/file/CImagerFileFactory.h>
 
 #include "trk/CTrkImagerFile.h"
+#include "trk/Text.h"
 
 namespace {
 
@@ -14,7 +15,7 @@ namespace {
 bool RegisterTrkImagerFile() {
   try {
     zeb::file::imagerFileFactory()->Register<zeb::trk::CTrkImagerFile>(
-        zeb::trk::CTrkImagerFile::kTypeName, &zeb::trk::CTrkImagerFile::CanOpen,
+        zeb::trk::Text(zeb::trk::CTrkImagerFile::kTypeName), &zeb::trk::CTrkImagerFile::CanOpen,
         &zeb::trk::CTrkImagerFile::CanOpenFile, nullptr, nullptr, nullptr);
   } catch (...) {
   }

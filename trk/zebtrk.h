@@ -54,7 +54,8 @@ ZEBTRK_API bool zebtrk_drivePresent(void);
  * refresh of the movie list, in the refreshing thread with the file system's
  * lock held (the callback may call the other functions). Returns the handle
  * that removes it. Each call registers a new handler, even for the same
- * callback and user data. */
+ * callback and user data. A null callback registers nothing and returns the
+ * empty handle (all three words null). */
 ZEBTRK_API zebDelegate zebtrk_AddFilesChangedHandler(void (*callback)(void* userData), void* userData);
 
 /* Unregisters the handler (any copy of a handle works) and releases the

@@ -7,9 +7,6 @@
 // one-time-initialisation guard and destroyed at process exit.
 #include "trk/zebtrk.h"
 
-#include <atomic>
-#include <cstdint>
-
 #include <zeb/delegate.h>
 
 #include "trk/CTrkInterface.h"
@@ -27,38 +24,19 @@ CTrkInterface* instance() {
 
 namespace {
 
-// The heap target of a handler made for a C host: the host's callback and
-// user data, then the clone/destroy pair that the delegate's table word points
-// at, then the reference count. Every copy of the delegate shares the target,
-// so copies compare equal and any of them removes the handler.
-struct SHandlerTarget {
+typedef zeb::delegate<void()> Handler;
+
+// The function object of a handler made for a C host: the host's callback and
+// its user data. FromLamda puts it in a heap target followed by the
+// clone/destroy pair that the delegate's table word points at and a 32-bit
+// atomic reference count; every copy of the delegate shares that target, so
+// copies compare equal and any of them removes the handler, and the last
+// release (in whichever thread) frees it.
+struct SHostCallback {
   void (*callback)(void* userData);
   void* userData;
-  void* (*clone)(void* target);
-  void (*destroy)(void* target);
-  std::atomic<std::uint32_t> count;
+  void operator()() const { callback(userData); }
 };
-
-static_assert(sizeof(std::atomic<std::uint32_t>) == 4, "32-bit reference count");
-
-void InvokeHandler(void* target) {
-  const SHandlerTarget* handler = static_cast<const SHandlerTarget*>(target);
-  handler->callback(handler->userData);
-}
-
-void* CloneHandler(void* target) {
-  static_cast<SHandlerTarget*>(target)->count.fetch_add(1, std::memory_order_relaxed);
-  return target;
-}
-
-// The registered copy and the host's handle may be released in different
-// threads: the last release frees the target.
-void DestroyHandler(void* target) {
-  SHandlerTarget* handler = static_cast<SHandlerTarget*>(target);
-  if (handler->count.fetch_sub(1, std::memory_order_acq_rel) == 1) delete handler;
-}
-
-typedef zeb::delegate<void()> Handler;
 
 }  // namespace
 
@@ -68,11 +46,14 @@ zebtrk_Interface* zebtrk_Load(void) { return zeb::trk::instance(); }
 
 bool zebtrk_drivePresent(void) { return zeb::trk::instance()->drivePresent(); }
 
+// A null callback registers nothing and gives the empty handle (all three
+// words null), which zebtrk_RemoveFilesChangedHandler accepts and ignores: a
+// handler that can only crash the refreshing thread is refused up front.
 zebDelegate zebtrk_AddFilesChangedHandler(void (*callback)(void* userData), void* userData) {
-  SHandlerTarget* target = new SHandlerTarget{callback, userData, &CloneHandler, &DestroyHandler, {1}};  // count 1
-  // The table word points at the clone/destroy pair inside the target.
-  const Handler local(&InvokeHandler, target, reinterpret_cast<const Handler::STable*>(&target->clone));
-  zeb::trk::instance()->AddFilesChangedHandler(local);  // registers a clone: 2
+  zeb::trk::CTrkInterface* fileSystem = zeb::trk::instance();
+  if (!callback) return zebDelegate{nullptr, nullptr, nullptr};
+  const Handler local = Handler::FromLamda(SHostCallback{callback, userData});  // count 1
+  fileSystem->AddFilesChangedHandler(local);                                     // registers a clone: 2
   Handler handle(local);                                // 3
   return zeb::ToC(std::move(handle));                   // `local` goes: 2
 }

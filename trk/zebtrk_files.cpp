@@ -16,7 +16,10 @@
 #include <zeb/IFileSystem.h>
 
 #include "trk/CTrkInterface.h"
+#include "trk/Text.h"
 #include "trk/zebtrk.h"
+
+using zeb::trk::Text;
 
 namespace zeb {
 namespace trk {
@@ -26,9 +29,6 @@ CTrkInterface* instance();
 }  // namespace zeb
 
 namespace {
-
-// A C text as a string; null is the empty text.
-zeb::CString Text(const char* text) { return zeb::CString(text ? text : ""); }
 
 zeb::IFileSystem* FileSystem() { return zeb::trk::instance(); }
 

@@ -32,9 +32,6 @@ class CHold {
 
 }  // namespace
 
-CReduceObjectArray::CReduceObjectArray() = default;
-CReduceObjectArray::~CReduceObjectArray() = default;
-
 void CReduceObjectArray::Add(const TSharedPtr<IReduceObject>& object) {
   if (!object) return;
   CHold hold(m_lock, true);

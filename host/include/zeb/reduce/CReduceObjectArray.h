@@ -18,8 +18,10 @@ namespace reduce {
 
 class ZEB_API CReduceObjectArray {
  public:
-  CReduceObjectArray();
-  virtual ~CReduceObjectArray();
+  // Header code, like the array and lock they build: a plug-in that makes an
+  // array links only the lock's constructor and destructor.
+  CReduceObjectArray() {}
+  virtual ~CReduceObjectArray() {}
   CReduceObjectArray(const CReduceObjectArray&) = delete;
   CReduceObjectArray& operator=(const CReduceObjectArray&) = delete;
 
