@@ -60,9 +60,9 @@ size_t LocalSocket::Read(void* data, size_t size) {
   size_t left = size;
   while (left > 0) {
     ssize_t n = recv(m_fd, next, left, 0);
-    // A signal delivered to this thread (a handler installed by the host
-    // without SA_RESTART) must not cost the service connection: retry.
-    if (n == -1 && errno == EINTR) continue;
+    // Every result of 0 or less ends the read and the connection: the peer
+    // closed, an error, and also a call interrupted by a signal (a handler
+    // that the host installed without SA_RESTART).
     if (n <= 0) {
       int error = errno;
       Disconnect();
@@ -83,8 +83,7 @@ size_t LocalSocket::Write(const void* data, size_t size) {
     // MSG_NOSIGNAL: a peer that has gone yields EPIPE here instead of a
     // SIGPIPE whose default disposition would end the host process.
     ssize_t n = send(m_fd, next, left, MSG_NOSIGNAL);
-    if (n == -1 && errno == EINTR) continue;
-    if (n <= 0) break;
+    if (n <= 0) break;  // an error or an interrupted call: the bytes sent so far
     next += n;
     left -= static_cast<size_t>(n);
   }

@@ -9,10 +9,11 @@
 // Threads: one thread at a time per object (the service client serialises its
 // use under its own lock). Enum is static and callable from any thread.
 //
-// A library inside the host's process: writes never raise SIGPIPE, signals
-// that interrupt a blocking call are retried rather than dropping the
-// connection, and descriptors are close-on-exec so the host's children do not
-// inherit the service connection.
+// A library inside the host's process: writes never raise SIGPIPE and
+// descriptors are close-on-exec so the host's children do not inherit the
+// service connection. A signal that interrupts a blocking call (a handler the
+// host installed without SA_RESTART) is a failure like any other: it ends a
+// Read, which disconnects, and a Write, which reports the bytes sent before.
 #pragma once
 
 #include <cstddef>
@@ -39,13 +40,15 @@ class LocalSocket : public Stream {
   ~LocalSocket() override;
 
   // Reads exactly `size` bytes into `data`, blocking without a time-out.
-  // Success: returns `size`. Failure (the peer closed, an error): the socket
+  // Success: returns `size`. Failure (the peer closed, an error, an
+  // interrupted call): the socket
   // is disconnected and 0 is returned; bytes received before the failure are
   // lost, a partial read is never reported. `size` 0 returns 0 and makes no
   // system call.
   size_t Read(void* data, size_t size) override;
   // Sends the `size` bytes at `data`. Returns how many were sent: `size` on
-  // success, fewer when sending failed part-way (the socket stays connected;
+  // success, fewer when a send failed or was interrupted part-way (the
+  // socket stays connected;
   // the failure shows at the next Read). `size` 0 returns 0 and makes no
   // system call.
   size_t Write(const void* data, size_t size) override;

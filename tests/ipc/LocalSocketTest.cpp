@@ -4,8 +4,10 @@
 #include "ipc/LocalSocket.h"
 
 #include <fcntl.h>
+#include <sys/socket.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <thread>
 
@@ -195,7 +197,9 @@ TEST_F(LocalSocketTest, AllDescriptorsOfTheModuleAreCloseOnExec) {
   for (int fd : fds) EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC) << "fd " << fd;
 }
 
-TEST_F(LocalSocketTest, SignalsDoNotBreakAWaitingReadOrAccept) {
+// A signal wakes a waiting Accept, which waits on; it ends a waiting Read,
+// which disconnects, and a blocked Write, which reports what it sent.
+TEST_F(LocalSocketTest, SignalsEndAWaitingReadOrWriteButNotAccept) {
   ipctest::ScopedSignal usr1(SIGUSR1, ipctest::CountSignal);
   LocalSocketServer server;
   std::string name = Name();
@@ -217,15 +221,36 @@ TEST_F(LocalSocketTest, SignalsDoNotBreakAWaitingReadOrAccept) {
   EXPECT_EQ(acceptError, "");
   ASSERT_TRUE(peer.connected());
 
+  // The client neither reads nor writes. A signal that did not end a call
+  // fails the test; the call is then ended through the descriptor.
+  const int peerFd = peer.fd();
+  const std::vector<char> big(8 << 20, 'x');  // far more than the buffers hold
+  std::atomic<bool> done{false};
+  size_t sent = 0;
+  std::thread writer([&] {
+    sent = peer.Write(big.data(), big.size());
+    done = true;
+  });
+  EXPECT_GT(ipctest::Interrupt(writer, 5), 0);
+  EXPECT_TRUE(done.load());
+  if (!done) shutdown(peerFd, SHUT_WR);
+  writer.join();
+  EXPECT_LT(sent, big.size());
+  EXPECT_TRUE(peer.connected());
+
+  done = false;
   char buffer[4] = {};
-  size_t got = 0;
-  std::thread reader([&] { got = client.Read(buffer, sizeof(buffer)); });
+  size_t got = 1;
+  std::thread reader([&] {
+    got = peer.Read(buffer, sizeof(buffer));
+    done = true;
+  });
   EXPECT_GT(ipctest::Interrupt(reader, 5), 0);
-  peer.Write("sig!", 4);
+  EXPECT_TRUE(done.load());
+  if (!done) shutdown(peerFd, SHUT_RD);
   reader.join();
-  EXPECT_EQ(got, 4u);
-  EXPECT_EQ(std::string(buffer, 4), "sig!");
-  EXPECT_TRUE(client.connected());
+  EXPECT_EQ(got, 0u);
+  EXPECT_FALSE(peer.connected());
 }
 
 TEST_F(LocalSocketTest, EnumListsMatchingEntriesOfTmp) {
