@@ -162,13 +162,15 @@ bool CTrkClient::Execute(unsigned int ordinal, uint32_t paramCount, WriteParams 
       m_writer.StartMap(paramCount);
       writeParams();
     }
-    const TinyMsgPackObject response = ReadWholeResponse();
+    const TinyMsgPackObject response = m_reader.ReadObject();
     CheckError(response);
     return readResults(response);
   } catch (...) {
     // The service's "error", a decoding failure, a broken stream or a
     // failure of the operation's own: the command failed, the client stays
-    // as it was. The message is not kept.
+    // as it was (Connected, its socket as the stream left it: an answer that
+    // could not be decoded leaves its rest on the stream). The message is
+    // not kept.
     return false;
   }
 }
@@ -178,20 +180,6 @@ void CTrkClient::WriteText(const char* text) { m_writer.WriteString(text, std::s
 void CTrkClient::WriteParam(const char* key, uint64_t value) {
   WriteText(key);
   m_writer.WritePosInteger(value);
-}
-
-TinyMsgPackObject CTrkClient::ReadWholeResponse() {
-  try {
-    return m_reader.ReadObject();
-  } catch (...) {
-    // The answer was not read whole, so its remaining bytes (or the bytes a
-    // refused count announced) are still on the stream: the next command
-    // would read them, or a later answer, as its own answer, and every answer
-    // after it would belong to the request before. The stream cannot be
-    // resynchronised, so it is closed, as if the service had closed it.
-    m_socket.Disconnect();
-    throw;
-  }
 }
 
 void CTrkClient::CheckError(const TinyMsgPackObject& response) {

@@ -31,12 +31,19 @@
 // other operation on the same client, Disconnect included. There is no
 // time-out: a read waits until the service answers or the stream ends.
 //
-// Answers to commands that cannot be read whole (undecodable bytes, a
-// nesting beyond the decoder's bound, a count that cannot be allocated, a
-// stream that ends inside the answer) close the socket: the rest of such an
-// answer stays on the stream, where the next command would take it, or a
-// later answer, for its own. Every later command then fails as after a
-// closed stream.
+// What a caller sees when the service sends something undecodable (bytes
+// the decoder does not accept, an ext value, nesting beyond the decoder's
+// bound, a map key that is not a string, a count that cannot be allocated):
+// that command returns false, and nothing else changes. The client stays
+// Connected and keeps its socket open, so the next command is sent as usual.
+// The rest of the undecodable answer is still on the stream, though, and the
+// next command reads from there: it may fail too, or take those bytes (or the
+// answer behind them) for its own answer, and every answer after it may
+// belong to the request before, until the stream happens to be back in step
+// or the service closes it. A caller that meets such a failure and can no
+// longer trust the stream calls Disconnect and Connect to start over on a new
+// connection. A stream that ends inside an answer closes the socket (as in
+// LocalSocket::Read): every later command then fails in its read.
 #pragma once
 
 #include <cstdint>
@@ -150,9 +157,6 @@ class CTrkClient {
   bool CheckVersion();
   void WriteText(const char* text);
   void WriteParam(const char* key, uint64_t value);
-  // Reads one whole response of a command. One that cannot be read whole
-  // closes the socket before the reader's exception leaves.
-  TinyMsgPackObject ReadWholeResponse();
   // The "error" rule: throws std::runtime_error with the service's message
   // for a non-nil "error" (the object model's exception when it is not a
   // string, or when the response is not a map); returns otherwise.

@@ -9,11 +9,14 @@
 //
 // Every command must return true or false and never crash, throw or leak
 // (memory: LeakSanitizer; descriptors: the client's end must be closed once
-// the client is gone). The stream of a connected client must never be left
-// out of step: after each exchange its socket is either closed or has
-// consumed exactly one whole value (the version check's or the command's
-// answer), so no command can take another's answer. A client whose version
-// check failed is Idle and must read nothing more.
+// the client is gone). A connected client stays Connected whatever it reads:
+// a failed exchange fails that command only. After each exchange its socket
+// is either closed (the stream ended inside the answer) or has consumed
+// exactly the next whole value when one decodes there (the version check's or
+// the command's answer); where none decodes, the client has read on (at least
+// the byte that failed) and leaves the rest on the stream for the next
+// command, as designed. A client whose version check failed is Idle and must
+// read nothing more.
 //
 // Memory: every input runs under the heap budget of FuzzHeapBudget.h.
 #include <fcntl.h>
@@ -50,14 +53,16 @@ size_t Unread(int fd) {
   return static_cast<size_t>(count);
 }
 
-// Length of the whole value at `at` in `stream`; 0 when none decodes there.
-size_t ValueLength(const std::vector<unsigned char>& stream, size_t at) {
+// How many bytes of `stream` from `at` the client's decoder reads for one
+// value; `whole` tells whether the value decoded.
+size_t DecodedLength(const std::vector<unsigned char>& stream, size_t at, bool& whole) {
   MemoryStream in(stream.data() + at, stream.size() - at);
   TinyMsgPackReader reader(&in);
+  whole = true;
   try {
-    reader.Skip();
+    reader.ReadObject();
   } catch (...) {
-    return 0;
+    whole = false;
   }
   return stream.size() - at - in.remaining();
 }
@@ -118,14 +123,21 @@ void Run(CTrkClient& client, unsigned int command) {
   }
 }
 
-// After an exchange: the client's end is closed, or it has read exactly the
-// next whole value of `stream`, which `consumed` then moves past.
-void CheckInStep(int fd, const std::vector<unsigned char>& stream, size_t& consumed) {
+// After an exchange of a connected client: it is still Connected (Adopt
+// answers true without traffic then), and its end is closed or has read
+// exactly the next whole value of `stream` when one decodes there, otherwise
+// at least one byte; `consumed` then moves to where the client stands. (A
+// value that does not decode here may have failed for the heap budget, which
+// the client's own read may have had room for, so it is not held to the same
+// length.)
+void CheckExchange(CTrkClient& client, int fd, const std::vector<unsigned char>& stream, size_t& consumed) {
+  if (!client.Adopt(LocalSocket())) Finding();
   if (!IsOpen(fd)) return;
-  const size_t length = ValueLength(stream, consumed);
-  if (length == 0) Finding();  // the client read something that is no value
-  consumed += length;
-  if (Unread(fd) != stream.size() - consumed) Finding();
+  bool whole = false;
+  const size_t length = DecodedLength(stream, consumed, whole);
+  const size_t now = stream.size() - Unread(fd);
+  if (whole ? now != consumed + length : now <= consumed) Finding();
+  consumed = now;
 }
 
 }  // namespace
@@ -152,13 +164,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const bool connected = client.Adopt(LocalSocket(ends[0]));
     // A failed version check leaves the client Idle with its socket as it
     // is (designed so); an Idle client then reads nothing at all.
-    if (connected) CheckInStep(ends[0], stream, consumed);
+    if (connected) CheckExchange(client, ends[0], stream, consumed);
     const size_t idleUnread = !connected && IsOpen(ends[0]) ? Unread(ends[0]) : 0;
     for (unsigned int command : {first, second}) {
       if (command == kCommands) command = 0;
       Run(client, command);
       if (connected) {
-        CheckInStep(ends[0], stream, consumed);
+        CheckExchange(client, ends[0], stream, consumed);
       } else if (IsOpen(ends[0]) && Unread(ends[0]) != idleUnread) {
         Finding();
       }

@@ -54,8 +54,12 @@ bool HugeAllocationsAreRefused() {
 
 // --- The client on its own -------------------------------------------------
 
-// What the stream is after a failed (or successful) command.
-enum class EAfter { kInStep, kClosed };
+// What the stream is after a failed (or successful) command: in step (the
+// answer was read whole), closed (by the service), or still open with the
+// rest of an undecodable answer on it, which the next command reads as its
+// answer: the well-formed answer behind it, or bytes that fail that command
+// too.
+enum class EAfter { kInStep, kClosed, kRestIsTheNextAnswer, kRestFailsTheNext };
 
 struct StreamCase {
   const char* name;
@@ -77,12 +81,12 @@ std::vector<StreamCase> StreamCases() {
       {"missing key", Reply::Result({{"cnt", 5}}), false, EAfter::kInStep, false},
       {"wrong type", Reply::Result({{"count", "5"}}), false, EAfter::kInStep, false},
       {"nesting at the bound", Reply::Raw(Nested(64)), false, EAfter::kInStep, false},
-      // Undecodable answers with a well-formed answer behind them: reading
-      // on would hand that answer to the next command.
-      {"garbage byte", Reply::Raw(FS::Wire("C1") + answer), false, EAfter::kClosed, false},
-      {"ext value", Reply::Raw(FS::Wire("D4 01 02") + answer), false, EAfter::kClosed, false},
-      {"nesting too deep", Reply::Raw(Nested(65) + answer), false, EAfter::kClosed, false},
-      {"key not a string", Reply::Raw(FS::Wire("81 01 02") + answer), false, EAfter::kClosed, false},
+      // Undecodable answers with a well-formed answer behind them: the
+      // client stays Connected and the next command reads on from there.
+      {"garbage byte", Reply::Raw(FS::Wire("C1") + answer), false, EAfter::kRestIsTheNextAnswer, false},
+      {"ext value", Reply::Raw(FS::Wire("D4 01 02") + answer), false, EAfter::kRestFailsTheNext, false},
+      {"nesting too deep", Reply::Raw(Nested(65) + answer), false, EAfter::kRestFailsTheNext, false},
+      {"key not a string", Reply::Raw(FS::Wire("81 01 02") + answer), false, EAfter::kRestFailsTheNext, false},
       // Counts and lengths that announce more than follows.
       {"array32 longer than sent", Reply::Raw(FS::Wire("DD 00 01 00 00 01 02 03")).CloseAfter(8), false,
        EAfter::kClosed, false},
@@ -90,8 +94,10 @@ std::vector<StreamCase> StreamCases() {
        false, EAfter::kClosed, false},
       {"bin32 longer than sent", Reply::Raw(FS::Wire("C6 00 10 00 00 01 02")).CloseAfter(7), false,
        EAfter::kClosed, false},
-      {"map32 of 2^32-1", Reply::Raw(FS::Wire("DF FF FF FF FF") + answer), false, EAfter::kClosed, true},
-      {"array32 of 2^32-1", Reply::Raw(FS::Wire("DD FF FF FF FF") + answer), false, EAfter::kClosed, true},
+      {"map32 of 2^32-1", Reply::Raw(FS::Wire("DF FF FF FF FF") + answer), false, EAfter::kRestIsTheNextAnswer,
+       true},
+      {"array32 of 2^32-1", Reply::Raw(FS::Wire("DD FF FF FF FF") + answer), false, EAfter::kRestIsTheNextAnswer,
+       true},
   };
 }
 
@@ -107,10 +113,12 @@ class ClientFaultTest : public ::testing::Test {
   FakeService m_fake;
 };
 
-// A command fails on every kind of bad answer, and the stream is either
-// still in step (the answer was read whole) or closed: never out of step, so
-// no later command takes another command's answer for its own.
-TEST_F(ClientFaultTest, EveryBadAnswerFailsItsCommandAndLeavesTheStreamInStepOrClosed) {
+// A command fails on every kind of bad answer, and only that command: the
+// client stays Connected. After an answer read whole the stream is in step;
+// after one the service cut short it is closed and later commands fail
+// without traffic; after an undecodable one the next command is sent as usual
+// and reads what the bad answer left on the stream.
+TEST_F(ClientFaultTest, EveryBadAnswerFailsOnlyItsCommand) {
   for (const StreamCase& row : StreamCases()) {
     SCOPED_TRACE(row.name);
     if (row.hugeAllocation && (!kRefusedAllocationsThrow || !HugeAllocationsAreRefused())) continue;
@@ -120,19 +128,30 @@ TEST_F(ClientFaultTest, EveryBadAnswerFailsItsCommandAndLeavesTheStreamInStepOrC
     unsigned int count = 99;
     EXPECT_EQ(client.ListMovies(count), row.succeeds);
     EXPECT_EQ(count, row.succeeds ? 5u : 99u);
+    const size_t connections = m_fake.ConnectionCount();
+    EXPECT_TRUE(client.Connect());  // still Connected: no new connection
+    EXPECT_EQ(m_fake.ConnectionCount(), connections);
 
     count = 99;
-    if (row.after == EAfter::kInStep) {
-      m_fake.Enqueue(Reply::Result({{"count", 1}}));
-      EXPECT_TRUE(client.ListMovies(count));
-      EXPECT_EQ(count, 1u);
-    } else {
-      const size_t requests = m_fake.RequestCount();
-      EXPECT_FALSE(client.ListMovies(count));
-      EXPECT_EQ(count, 99u);
-      EXPECT_EQ(m_fake.RequestCount(), requests);  // nothing reached the service
-      EXPECT_TRUE(client.Connect());               // still Connected, as designed
-      EXPECT_FALSE(client.DetectDrive());
+    const size_t requests = m_fake.RequestCount();
+    switch (row.after) {
+      case EAfter::kInStep:
+        m_fake.Enqueue(Reply::Result({{"count", 1}}));
+        EXPECT_TRUE(client.ListMovies(count));
+        EXPECT_EQ(count, 1u);
+        break;
+      case EAfter::kClosed:
+        EXPECT_FALSE(client.ListMovies(count));
+        EXPECT_EQ(count, 99u);
+        EXPECT_EQ(m_fake.RequestCount(), requests);  // nothing reached the service
+        break;
+      case EAfter::kRestIsTheNextAnswer:
+      case EAfter::kRestFailsTheNext:
+        m_fake.Enqueue(Reply::Result({{"count", 1}}));
+        EXPECT_EQ(client.ListMovies(count), row.after == EAfter::kRestIsTheNextAnswer);
+        EXPECT_EQ(count, row.after == EAfter::kRestIsTheNextAnswer ? 5u : 99u);  // never its own answer
+        EXPECT_TRUE(m_fake.WaitForRequests(requests + 1));  // the request was sent
+        break;
     }
     client.Disconnect();
     ASSERT_TRUE(m_fake.WaitForOpenConnections(0));
