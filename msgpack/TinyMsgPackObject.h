@@ -43,6 +43,13 @@ class TinyMsgPackObject {
   // that moving or copying a default-constructed value never reads
   // uninitialised memory. Inline: a container block constructs one per slot.
   TinyMsgPackObject() : m_type(Nil), m_size(0), m_capacity(0) { m_value.posInteger = 0; }
+  // The factories' raw constructor: sets nothing; each factory sets every
+  // member that its type uses right after. An object made with it holds no
+  // value yet (not even a type) and must not be used, copied, assigned or
+  // destroyed before a factory has set it; nothing outside this class and
+  // the reader's ReadObject has a reason to call it. Explicit, so that no
+  // nullptr turns into such an object by accident.
+  explicit TinyMsgPackObject(std::nullptr_t) {}
   // Deep copy. On an allocation failure nothing is left allocated.
   TinyMsgPackObject(const TinyMsgPackObject& other);
   // Deep copy. Success: this holds a copy of `other` (containers with capacity
@@ -127,9 +134,6 @@ class TinyMsgPackObject {
   // temporary and test for growth that cannot happen.
   friend class TinyMsgPackReader;
 
-  // The factories' raw constructor: sets nothing; each factory sets every
-  // member right after.
-  explicit TinyMsgPackObject(std::nullptr_t) {}
   // A value of `type` made with the raw constructor, all members zero.
   static TinyMsgPackObject Make(EType type);
 

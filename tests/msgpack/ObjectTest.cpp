@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <functional>
+#include <type_traits>
 
 #include "msgpack/TinyMsgPackObject.h"
 #include "tests/msgpack/TestUtil.h"
@@ -13,6 +14,11 @@ using msgpacktest::Thrown;
 using O = TinyMsgPackObject;
 
 namespace {
+
+// The factories' raw constructor is one of the operations (explicit: no
+// nullptr becomes a value that holds nothing by accident).
+static_assert(std::is_constructible<O, std::nullptr_t>::value, "raw constructor");
+static_assert(!std::is_convertible<std::nullptr_t, O>::value, "explicit raw constructor");
 
 O Str(const char* text) { return O::CreateString(text, UINT32_MAX); }
 
