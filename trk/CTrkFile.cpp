@@ -31,13 +31,15 @@ const unsigned long kNoFrame = ~0UL;
 const unsigned long kMaxFramePixels = 0x7FFFFFFFUL;
 
 // The movie's frame size and file size when the file can serve it; false for
-// dimensions it cannot: no pixels at all (a frame size of 0 would make every
-// frame number a division by zero), a frame whose byte count does not fit 32
-// bits, or a movie whose byte count does not fit the signed 64-bit size.
+// dimensions it cannot: a frame whose byte count does not fit 32 bits (the
+// frame size would wrap, and every read would copy from the wrong place of a
+// mapping too short for the frame), or a movie whose byte count does not fit
+// the signed 64-bit size. A movie without pixels (width or height 0) has
+// size 0; its reads end before any frame is worked out.
 bool ServableSize(unsigned short width, unsigned short height, unsigned long numFrames,
                   unsigned int& frameSize, long& size) {
   const unsigned long pixels = static_cast<unsigned long>(width) * height;
-  if (pixels == 0 || pixels > kMaxFramePixels) return false;
+  if (pixels > kMaxFramePixels) return false;
   unsigned long bytes = 0;
   if (__builtin_mul_overflow(numFrames, pixels * 2, &bytes) || bytes > LONG_MAX) return false;
   frameSize = static_cast<unsigned int>(pixels * 2);
@@ -71,7 +73,8 @@ std::shared_ptr<STrkMovieReads> MovieReads(const CTrkClient* client, unsigned in
 
 // Dimensions that the file cannot serve (see ServableSize) give a file of size
 // 0 without any request: the service is not asked to open a movie that could
-// never be read correctly, and Close has then nothing to close. A segment
+// never be read correctly, and Close has then nothing to close. A movie
+// without pixels is opened (and closed) like any other and has size 0. A segment
 // shorter than one frame is treated as a failed open: every frame is copied
 // from the start of the mapping, so a shorter mapping would be read past its
 // end. The movie was opened on the service in that case, so CloseMovie is
@@ -143,13 +146,18 @@ unsigned int CTrkFile::Read(void* data, unsigned int count) {
 
 bool CTrkFile::CopyFromFrame(unsigned long frame, unsigned long offset, unsigned char* data,
                              unsigned long count) {
-  // A request of another file of the movie may have refilled the segment,
-  // and a failed request may have left it half written (the service writes
-  // frames straight into it): either way the held frame is no longer
-  // trusted.
+  // A request of another file of the movie, successful or not, may have
+  // refilled the segment: the held frame is then no longer trusted.
   if (frame != m_currentFrame || m_readsSeen != m_reads->requests) {
+    const bool heldFrameTrusted = m_readsSeen == m_reads->requests;
     ++m_reads->requests;
-    if (!m_client->ReadFrame(m_fileId, frame)) return false;
+    if (!m_client->ReadFrame(m_fileId, frame)) {
+      // m_currentFrame still names the last frame fetched; a failed request
+      // of this file's own leaves it trusted, so a read of it copies from the
+      // segment without a request.
+      if (heldFrameTrusted) m_readsSeen = m_reads->requests;
+      return false;
+    }
     m_currentFrame = frame;
     m_readsSeen = m_reads->requests;
   }

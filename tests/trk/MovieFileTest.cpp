@@ -145,8 +145,8 @@ TEST(MovieFileTest, OpeningsThatGiveAnEmptyFile) {
       {"largest frame that fits 32 bits", 0, 65535, 32768, 1, true, true, 0},
       {"frame of 2^31 pixels and more", 0, 65535, 32769, 1, true, false, 0},
       {"largest dimensions", 0, 65535, 65535, 3, true, false, 0},
-      {"no width", 0, 0, 2, 5, false, false, 0},
-      {"no height", 0, 4, 0, 5, false, false, 0},
+      {"no width", 0, 0, 2, 5, false, true, 0},
+      {"no height", 0, 4, 0, 5, false, true, 0},
       {"movie beyond 2^63 bytes", 0, 65535, 32768, 1UL << 33, true, false, 0},
       {"no frames", 0, 4, 2, 0, false, true, 0},
       {"the control: a good movie", 0, 4, 2, 5, false, true, 80},
@@ -171,14 +171,19 @@ TEST(MovieFileTest, OpeningsThatGiveAnEmptyFile) {
   EXPECT_EQ(service.Frames(), std::vector<long long>({0}));  // the control's read alone
 }
 
-// The file claims five frames, the service has two.
-TEST(MovieFileTest, AFailedFrameEndsTheReadAndIsAskedForAgain) {
+// The file claims five frames, the service has two. A failed frame is asked
+// for again; the last frame fetched is still held and read without a request.
+TEST(MovieFileTest, AFailedFrameEndsTheReadAndTheHeldFrameStays) {
   FakeMovies service;
   std::unique_ptr<CTrkFile> file = service.Open(FakeMovies::kTwoFrames);
   std::vector<unsigned char> bytes(80);
   EXPECT_EQ(file->Read(bytes.data(), 80), 32u);
   EXPECT_EQ(file->GetPosition(), 32);
   EXPECT_EQ(file->Read(bytes.data(), 80), 0u);
+  ASSERT_EQ(file->Seek(20, 1), 20);
+  ASSERT_EQ(file->Read(bytes.data(), 4), 4u);
+  bytes.resize(4);
+  EXPECT_EQ(bytes, Expected(FakeMovies::kTwoFrames, 16, 20, 4));
   EXPECT_EQ(service.Frames(), std::vector<long long>({0, 1, 2, 2}));
 }
 
