@@ -34,11 +34,10 @@ bool CutInfoSuffix(zeb::CString& path) {
 }
 
 // The path of the emulated movie's file "<name><extension>" in the cache
-// directory, for the file name part of `path`. Empty when there is no cache
-// directory or the path has no file name part (a directory path such as
-// "trk:///" names no movie, and must not reach a file called ".dat").
+// directory, for the file name part `name` of a path; a path without one
+// ("trk:///") gives the file that is the extension alone (".dat"). Empty when
+// there is no cache directory.
 zeb::CString EmulatedPath(const zeb::CString& name, const char* extension) {
-  if (name.empty()) return zeb::CString();
   const zeb::CString cacheDir = GetCacheDir();
   if (cacheDir.empty()) return zeb::CString();
   return zeb::path::MakePath(cacheDir, name + extension, '/');

@@ -45,8 +45,8 @@ TEST(EmulatedOpenTest, PathsMapToCacheFiles) {
       {"trk://sub/7-Fire:Info", "7-Fire.info"},  // only the file name part counts
       {"trk://7-Fire.dat", nullptr},             // "7-Fire.dat.dat"
       {"trk://8-Gone", nullptr},
-      {"trk:///", nullptr},  // no file name: never the stray ".dat"
-      {":info", nullptr},
+      {"trk:///", ".dat"},  // no file name part: the extension alone
+      {":info", nullptr},   // ".info", which is not there
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.path);
@@ -97,14 +97,20 @@ TEST(EmulatedRemoveTest, RemovesTheMovieAndItsCompanionsWhenItsDataFileIsThere) 
   // Without a ".dat" nothing is removed and no handler is called.
   ASSERT_TRUE(WriteFile(home / "9-Ash.info", "info"));
   ASSERT_TRUE(WriteFile(home / "9-Ash.meta", "[meta]\n"));
-  ASSERT_TRUE(WriteFile(home / ".dat", "stray"));
-  for (const char* path : {"trk://9-Ash", "trk://9-Ash:info", "trk:///", ""}) {
+  for (const char* path : {"trk://9-Ash", "trk://9-Ash:info"}) {
     EXPECT_FALSE(fs.RemoveFile(path)) << path;
   }
   EXPECT_EQ(calls, 2);
-  for (const char* name : {"9-Ash.info", "9-Ash.meta", ".dat"}) {
+  for (const char* name : {"9-Ash.info", "9-Ash.meta"}) {
     EXPECT_TRUE(Exists(home / name)) << name;
   }
+
+  // A path without a file name part names the file ".dat", like any other.
+  ASSERT_TRUE(WriteFile(home / ".dat", "stray"));
+  EXPECT_TRUE(fs.RemoveFile("trk:///"));
+  EXPECT_EQ(calls, 3);
+  EXPECT_FALSE(Exists(home / ".dat"));
+  EXPECT_FALSE(fs.RemoveFile(""));
 }
 
 TEST(ImagerTypeTest, AnswersWithoutAMovie) {
