@@ -4,7 +4,8 @@
 // imager file factory opens movies and reads every frame with its time stamp,
 // files of one movie read side by side, from two threads and after one of
 // them is gone, removal, decoded times, and a movie written to the drive
-// reaching the handlers; nothing is left open at the end.
+// reaching the handlers; nothing is left open at the end. A simulator killed
+// with SIGKILL leaves its segments, which the next one removes.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -23,6 +24,7 @@
 
 #include <zeb/file/CImagerFileFactory.h>
 
+#include "ipc/CSharedMemory.h"
 #include "tests/support/ResourceSnapshot.h"
 #include "tests/trk/TrkTestSupport.h"
 #include "trk/CTrkImagerFile.h"
@@ -325,6 +327,36 @@ TEST_F(SimulatorTest, DecodedTimesAndDriveChangesReachTheListing) {
   names.push_back("6-New");
   EXPECT_EQ(trktest::Names(fs().GetDirectoryListing("/", "")), names);
   EXPECT_EQ(fs().GetInfo("/6-New").type, 2u);
+}
+
+// Segments of a simulator ended by SIGKILL stay until the next simulator
+// starts, which removes those of its naming scheme whose process is gone and
+// no others.
+TEST(SimulatorStartTest, RemovesTheSegmentsOfKilledSimulators) {
+  testsupport::TempDir dir;
+  ASSERT_TRUE(WriteMovie(dir.path(), "3-Small", 64, 48, 12, 3));
+  auto present = [](const std::string& name) { return ::access(("/dev/shm/" + name).c_str(), F_OK) == 0; };
+  std::string left;
+  {
+    trktest::ServiceProcess killed(ZEBTRKSVC_BINARY, dir.path());
+    ASSERT_TRUE(killed.WaitUntilServing(1));
+    CTrkClient client;
+    zeb::CString mapping;
+    ASSERT_TRUE(client.Connect());
+    ASSERT_TRUE(client.OpenMovie(0, mapping));
+    left = mapping.c_str();
+    killed.Stop(SIGKILL);
+  }
+  ASSERT_TRUE(present(left)) << left;
+  const std::string live = "zebtrksvc-" + std::to_string(::getpid()) + "-1";
+  CSharedMemory ours, other;
+  ASSERT_TRUE(ours.Create(live.c_str(), 8));  // a living owner
+  ASSERT_TRUE(other.Create("zebtrksvc-1A2F", 8));  // not of the scheme
+  trktest::ServiceProcess next(ZEBTRKSVC_BINARY, dir.path());
+  ASSERT_TRUE(next.WaitUntilServing(1));
+  EXPECT_FALSE(present(left));
+  EXPECT_TRUE(present(live));
+  EXPECT_TRUE(present("zebtrksvc-1A2F"));
 }
 
 }  // namespace

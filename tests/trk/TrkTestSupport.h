@@ -137,11 +137,14 @@ class ServiceProcess {
     ::execl(binary, "zebtrksvc", "--drive", drive.c_str(), static_cast<char*>(nullptr));
     ::_exit(127);
   }
-  ~ServiceProcess() {
+  ~ServiceProcess() { Stop(SIGTERM); }
+  // Ends the service with `signal` and waits for it.
+  void Stop(int signal) {
     if (m_pid <= 0) return;
-    ::kill(m_pid, SIGTERM);
+    ::kill(m_pid, signal);
     int status = 0;
     ::waitpid(m_pid, &status, 0);
+    m_pid = 0;
   }
   ServiceProcess(const ServiceProcess&) = delete;
   ServiceProcess& operator=(const ServiceProcess&) = delete;

@@ -17,6 +17,7 @@
 #include "client/TrkProtocol.h"
 #include "ipc/strprintf.h"
 #include "tools/zebtrksvc/Log.h"
+#include "tools/zebtrksvc/StaleSegments.h"
 
 namespace zebtrksvc {
 namespace {
@@ -305,7 +306,7 @@ std::unique_ptr<Connection::PinnedMovie> Connection::Pin(const Movie& movie, uin
   // Frames are copied out of a mapping of the data file (see FileMapping);
   // where the file cannot be mapped they are read with pread instead.
   pinned->mapping.Map(pinned->data.get(), static_cast<uint64_t>(status.st_size));
-  if (!pinned->segment.CreateRandom(kSegmentPrefix, movie.frameBytes())) {
+  if (!pinned->segment.CreateRandom(StaleSegments::OwnPrefix().c_str(), movie.frameBytes())) {
     throw RequestError(strprintf("cannot make a shared memory segment for movie %llu: %s", Ull(fileId),
                                  std::strerror(errno)));
   }

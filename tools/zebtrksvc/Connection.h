@@ -53,9 +53,6 @@ namespace zebtrksvc {
 
 class Connection {
  public:
-  // Prefix of the segment names ("zebtrksvc-1A2F").
-  static constexpr const char* kSegmentPrefix = "zebtrksvc-";
-
   // Takes the accepted socket; `id` only names the connection in log lines.
   Connection(LocalSocket socket, unsigned id, MovieCatalog& catalog, EventHub& hub);
   // Stops and joins the thread if it still runs.

@@ -24,6 +24,7 @@
 #include "tools/zebtrksvc/Log.h"
 #include "tools/zebtrksvc/MovieCatalog.h"
 #include "tools/zebtrksvc/Service.h"
+#include "tools/zebtrksvc/StaleSegments.h"
 #include "tools/zebtrksvc/UniqueFd.h"
 
 namespace {
@@ -92,6 +93,7 @@ int Serve(const Options& options) {
   std::string error;
   InstanceLock instance;
   if (!instance.Acquire(error)) return Fail(error);
+  StaleSegments::RemoveOrphans();
 
   MovieCatalog catalog(AbsoluteFolder(options.drive));
   EventHub hub;
