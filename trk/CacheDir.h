@@ -1,7 +1,8 @@
 // CacheDir: the per-user directory ".cache/Ostrel Systems/TRK" below the home
 // directory, where the plug-in keeps files of its own and where emulator mode
-// finds its movies. Exported with default visibility like every function of
-// the library.
+// finds its movies. Local to the plug-in: the one pair of functions of the
+// library that is not exported (every other class and function is), since
+// the cache directory is the plug-in's own business and no host calls it.
 //
 // Pure functions of the environment: nothing is cached between calls, the
 // directory is neither created nor tested. Thread-safe as far as getenv and
@@ -9,6 +10,8 @@
 #pragma once
 
 #include <zeb/CString.h>
+
+#define ZEBTRK_INTERNAL __attribute__((visibility("hidden")))
 
 namespace zeb {
 namespace trk {
@@ -20,11 +23,11 @@ namespace trk {
 // is empty: there is then no cache directory, and callers must treat an empty
 // result as "nothing there" rather than resolve it against the process's
 // working directory.
-zeb::CString CacheDirFor(const char* home, const char* passwordHome);
+ZEBTRK_INTERNAL zeb::CString CacheDirFor(const char* home, const char* passwordHome);
 
 // CacheDirFor(getenv("HOME"), home of getpwuid(getuid())); the password
 // database is consulted only when HOME is unset.
-zeb::CString GetCacheDir();
+ZEBTRK_INTERNAL zeb::CString GetCacheDir();
 
 }  // namespace trk
 }  // namespace zeb
