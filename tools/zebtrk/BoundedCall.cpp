@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <condition_variable>
+#include <algorithm>
 #include <exception>
 #include <mutex>
 #include <system_error>
@@ -52,24 +53,31 @@ struct BoundedCall::SShared {
 
 namespace {
 
-// Waits until `doneFd` or `cancelFd` is readable or `limit` passed.
-BoundedCall::EOutcome Wait(int doneFd, int cancelFd, std::chrono::milliseconds limit) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
+// Waits until `doneFd` is readable, or `limit` passed, or `cancelFd` is
+// readable and `grace` passed since.
+BoundedCall::EOutcome Wait(int doneFd, int cancelFd, std::chrono::milliseconds limit,
+                           std::chrono::milliseconds grace) {
+  auto deadline = std::chrono::steady_clock::now() + limit;
+  bool cancelled = false;
   for (;;) {
     pollfd fds[2] = {{doneFd, POLLIN, 0}, {cancelFd, POLLIN, 0}};
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return BoundedCall::EOutcome::kTimedOut;
-    const int ready = poll(fds, cancelFd >= 0 ? 2 : 1, static_cast<int>(left.count()) + 1);
+    if (left.count() <= 0) return cancelled ? BoundedCall::EOutcome::kCancelled : BoundedCall::EOutcome::kTimedOut;
+    const int ready = poll(fds, cancelFd >= 0 && !cancelled ? 2 : 1, static_cast<int>(left.count()) + 1);
     if (ready < 0 && errno != EINTR) throw std::system_error(errno, std::generic_category(), "poll");
     if (ready <= 0) continue;
     if (fds[0].revents & POLLIN) return BoundedCall::EOutcome::kDone;
-    if (cancelFd >= 0 && fds[1].revents) return BoundedCall::EOutcome::kCancelled;
+    if (cancelFd >= 0 && !cancelled && fds[1].revents) {
+      cancelled = true;
+      deadline = std::min(deadline, std::chrono::steady_clock::now() + grace);
+    }
   }
 }
 
 }  // namespace
 
-BoundedCall::BoundedCall(std::chrono::milliseconds limit, int cancelFd) : m_limit(limit), m_cancelFd(cancelFd) {}
+BoundedCall::BoundedCall(std::chrono::milliseconds limit, int cancelFd, std::chrono::milliseconds grace)
+    : m_limit(limit), m_cancelFd(cancelFd), m_grace(grace) {}
 
 BoundedCall::~BoundedCall() {
   if (!m_shared) return;
@@ -100,7 +108,7 @@ BoundedCall::EOutcome BoundedCall::Run(std::function<void()> work) {
     m_shared->pending = true;
   }
   m_shared->wake.notify_one();
-  const EOutcome outcome = Wait(m_shared->doneFd, m_cancelFd, m_limit);
+  const EOutcome outcome = Wait(m_shared->doneFd, m_cancelFd, m_limit, m_grace);
   if (outcome != EOutcome::kDone) {
     // Leave the worker inside the call; it ends with the process, or finishes
     // the call and waits for a quit that the shared state's last owner gives.

@@ -7,7 +7,9 @@
 // call to Run, which returns kDone once the call returned (an exception the
 // call threw is thrown again on the caller's thread), kTimedOut when the
 // limit passed first, kCancelled when the cancel descriptor became readable
-// first. A call that did not finish is left running on its thread, which is
+// first and the call did not return within the grace period after it (a
+// call that returns within it is kDone: the caller then sees the cancel
+// itself and ends in good order). A call that did not finish is left running on its thread, which is
 // then abandoned: the next Run starts a new worker. What the abandoned call
 // refers to must therefore stay alive until the process ends: the command
 // line tool ends the process at once (removing its partial files first); a
@@ -31,8 +33,10 @@ class BoundedCall {
  public:
   enum class EOutcome { kDone, kTimedOut, kCancelled };
 
-  // `limit` bounds each Run; `cancelFd` (-1: none) ends a wait when readable.
-  BoundedCall(std::chrono::milliseconds limit, int cancelFd);
+  // `limit` bounds each Run; `cancelFd` (-1: none) ends a wait when readable
+  // and the call has not returned within `grace` more.
+  BoundedCall(std::chrono::milliseconds limit, int cancelFd,
+              std::chrono::milliseconds grace = std::chrono::milliseconds(0));
   ~BoundedCall();
   BoundedCall(const BoundedCall&) = delete;
   BoundedCall& operator=(const BoundedCall&) = delete;
@@ -50,6 +54,7 @@ class BoundedCall {
   struct SShared;
   std::chrono::milliseconds m_limit;
   int m_cancelFd;
+  std::chrono::milliseconds m_grace;
   std::shared_ptr<SShared> m_shared;
   unsigned long m_abandoned = 0;
 };

@@ -104,6 +104,10 @@ const char* const kWatchUsage =
     "  answering). In emulator mode the cache directory is watched for movie\n"
     "  files instead.\n";
 
+// How long a plug-in call may take to return after Ctrl-C before the
+// command gives up on it (and ends at once, GiveUp).
+constexpr int kGraceMs = 500;
+
 // How often watch checks that the service is still there.
 constexpr int kWatchProbeMs = 2000;
 
@@ -111,6 +115,19 @@ std::string RequireValue(const std::string& text, const char* what) {
   if (text.empty()) throw CliError(kExitUsage, std::string(what) + " needs a value");
   return text;
 }
+
+// Runs a function when the scope ends, however it ends: releases what the
+// plug-in gave through a bounded call also while an error unwinds.
+class OnExit {
+ public:
+  explicit OnExit(std::function<void()> action) : m_action(std::move(action)) {}
+  ~OnExit() { m_action(); }
+  OnExit(const OnExit&) = delete;
+  OnExit& operator=(const OnExit&) = delete;
+
+ private:
+  std::function<void()> m_action;
+};
 
 // One column of the ls table: its title and alignment.
 struct SColumn {
@@ -125,8 +142,8 @@ Commands::Commands(std::ostream& out, std::ostream& err) : m_out(out), m_err(err
 Commands::~Commands() {
   // Unloading the plug-in may talk to the service (closing its connection);
   // bounded like every other call.
-  if (m_plugin && m_bound) {
-    Bounded([&] { m_plugin.reset(); });
+  if (m_plugin && m_bound && m_bound->Run([&] { m_plugin.reset(); }) != BoundedCall::EOutcome::kDone) {
+    GiveUp(BoundedCall::EOutcome::kTimedOut);
   }
 }
 
@@ -207,9 +224,10 @@ int Commands::Run(const std::vector<std::string>& args) {
     }
     const std::vector<std::string> rest(args.begin() + static_cast<long>(next) + 1, args.end());
     m_signals = std::make_unique<SignalMonitor>();
-    m_bound = std::make_unique<BoundedCall>(std::chrono::milliseconds(m_timeoutMs), m_signals->fd());
+    m_bound = std::make_unique<BoundedCall>(std::chrono::milliseconds(m_timeoutMs), m_signals->fd(),
+                                            std::chrono::milliseconds(kGraceMs));
     const int code = Dispatch(command, rest);
-    if (m_plugin) Bounded([&] { m_plugin.reset(); });
+    if (m_plugin) Bounded([&] { m_plugin.reset(); }, false);
     return code;
   } catch (const CliError& error) {
     m_out.flush();
@@ -233,17 +251,22 @@ int Commands::Dispatch(const std::string& command, const std::vector<std::string
                                  "\" (zebtrk --help lists the commands)");
 }
 
-void Commands::Bounded(const std::function<void()>& work) {
+void Commands::Bounded(const std::function<void()>& work, bool stopWhenInterrupted) {
   if (!m_bound) {
     work();
     return;
   }
   const BoundedCall::EOutcome outcome = m_bound->Run(work);
   if (outcome != BoundedCall::EOutcome::kDone) GiveUp(outcome);
+  // The call returned: end in good order (unfinished files are removed on
+  // the way out), unless this is part of that way out already.
+  if (stopWhenInterrupted && std::uncaught_exceptions() == 0) StopWhenInterrupted();
 }
 
 void Commands::StopWhenInterrupted() {
-  if (m_signals && m_signals->interrupted()) GiveUp(BoundedCall::EOutcome::kCancelled);
+  if (m_signals && m_signals->interrupted()) {
+    throw CliError(kExitInterrupted, "interrupted; unfinished files were removed");
+  }
 }
 
 void Commands::GiveUp(BoundedCall::EOutcome outcome) {
@@ -339,13 +362,18 @@ int Commands::Status(const std::vector<std::string>& args) {
   } else {
     m_out << std::setw(10) << "mode:"
           << "normal (movie service at " << ServiceProbe::kSocketPath << ")\n";
-    try {
-      CheckService();
-    } catch (const CliError&) {
+    std::string detail;
+    const ServiceProbe::EState state = ServiceProbe::Probe(detail, m_timeoutMs, m_signals->fd());
+    if (state == ServiceProbe::EState::kCancelled) StopWhenInterrupted();
+    if (state != ServiceProbe::EState::kAnswers) {
       m_out << std::setw(10) << "service:"
-            << "not usable\n";
+            << (state == ServiceProbe::EState::kSilent    ? "not answering"
+                : state == ServiceProbe::EState::kForeign ? "not speaking the expected protocol"
+                                                          : "not running")
+            << "\n";
       m_out.flush();
-      throw;
+      throw CliError(state == ServiceProbe::EState::kSilent ? kExitTimeout : kExitNoService,
+                     ServiceProbe::Message(state, detail, m_timeoutMs));
     }
     m_out << std::setw(10) << "service:"
           << "running\n";
@@ -576,7 +604,9 @@ int Commands::Export(const std::vector<std::string>& args) {
   });
   std::unique_ptr<FrameExporter> exporter;
   const FrameExporter::Caller caller = [this](const std::function<void()>& work) { Bounded(work); };
-  // The exporter bounds its own calls into the plug-in.
+  // The exporter bounds its own calls into the plug-in; closing the movie is
+  // one more request to the service.
+  const OnExit release([&] { Bounded([&] { exporter.reset(); }, false); });
   exporter = std::make_unique<FrameExporter>(m_fileSystem, movie, caller);
   const FrameRange range = FrameRange::Parse(rangeText, exporter->frames());
   FrameExporter::PrepareFolder(options.folder);
@@ -591,8 +621,6 @@ int Commands::Export(const std::vector<std::string>& args) {
   bar.Finish();
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   const unsigned int width = exporter->width(), height = exporter->height();
-  // Closing the movie is one more request to the service.
-  Bounded([&] { exporter.reset(); });
 
   if (result.interrupted) {
     m_err << "zebtrk: export interrupted after " << result.frames << " of " << range.count() << " frames"
@@ -673,10 +701,12 @@ int Commands::Remove(const std::vector<std::string>& args) {
     for (const Movie& listed : before) {
       if (listed.name == movie.name) movie.position = listed.position;
     }
+    catalog.ReadTiming(movie);
   });
   StopWhenInterrupted();
 
   std::unique_ptr<ChangeWatcher> watcher;
+  const OnExit release([&] { Bounded([&] { watcher.reset(); }, false); });
   bool removed = false;
   Bounded([&] {
     watcher = std::make_unique<ChangeWatcher>(*m_plugin);
@@ -687,7 +717,7 @@ int Commands::Remove(const std::vector<std::string>& args) {
   // position, so a person can compare this with what is gone.
   const unsigned long size = static_cast<unsigned long>(movie.width) * movie.height * 2 * movie.frames;
   m_out << "removed " << TextFormat::Escaped(movie.name) << ": " << movie.frames << " frames, " << movie.width << " x "
-        << movie.height << ", " << TextFormat::Size(size) << ", recorded " << TextFormat::Time(movie.timeTicks)
+        << movie.height << ", " << TextFormat::Size(size) << ", start " << TextFormat::Time(movie.startTicks())
         << " (listed at position " << movie.position << ")\n";
   // The plug-in refreshes its list in this thread before RemoveFile returns
   // and reports the change then; a report from its monitoring thread may
@@ -705,7 +735,6 @@ int Commands::Remove(const std::vector<std::string>& args) {
     Bounded([&] { after = catalog.List(); });
     PrintList("now", after);
   }
-  Bounded([&] { watcher.reset(); });
   return kExitOk;
 }
 
@@ -731,6 +760,7 @@ int Commands::Watch(const std::vector<std::string>& args) {
   Connect(false);
   const MovieCatalog catalog(m_fileSystem);
   std::unique_ptr<ChangeWatcher> watcher;
+  const OnExit release([&] { Bounded([&] { watcher.reset(); }, false); });
   Bounded([&] { watcher = std::make_unique<ChangeWatcher>(*m_plugin); });
   std::unique_ptr<DirectoryWatcher> folder;
   bool drive = true;
@@ -797,7 +827,6 @@ int Commands::Watch(const std::vector<std::string>& args) {
       shown = movies;
     }
   }
-  Bounded([&] { watcher.reset(); });
   m_out << "stopped after " << changes << (changes == 1 ? " change" : " changes") << "\n";
   return kExitOk;
 }

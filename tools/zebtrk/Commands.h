@@ -68,9 +68,10 @@ class Commands {
   // kExitNoService (or GiveUp on Ctrl-C) otherwise.
   void CheckService();
   // Runs `work` (a call into the plug-in) bounded in time and by signals;
-  // GiveUp when it does not return in time.
-  void Bounded(const std::function<void()>& work);
-  // GiveUp(kCancelled) once a signal has arrived.
+  // GiveUp when it does not return in time. When it returned after a
+  // signal, and `stopWhenInterrupted`, StopWhenInterrupted.
+  void Bounded(const std::function<void()>& work, bool stopWhenInterrupted = true);
+  // CliError kExitInterrupted once a signal has arrived.
   void StopWhenInterrupted();
   // Removes unfinished output files, prints why and ends the process now.
   [[noreturn]] void GiveUp(BoundedCall::EOutcome outcome);

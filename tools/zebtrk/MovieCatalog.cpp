@@ -1,5 +1,6 @@
 #include "tools/zebtrk/MovieCatalog.h"
 
+#include <algorithm>
 #include <climits>
 
 #include <zeb/Numbers.h>
@@ -109,12 +110,23 @@ std::string MovieCatalog::BareName(const std::string& query) {
 
 std::vector<Movie> MovieCatalog::List(const std::string& filter) const {
   const zeb::IFileSystem::CDirectoryListing listing = m_fileSystem->GetDirectoryListing("trk:///", "");
+  std::vector<Movie> all;
+  for (const zeb::IFileSystem::CDirectoryEntry& entry : listing.entries) all.push_back(FromEntry(entry));
+  // The service's order in both modes (the emulator lists file names in
+  // byte order, "10-x" before "2-y").
+  std::stable_sort(all.begin(), all.end(), [](const Movie& a, const Movie& b) {
+    const std::string numberA = a.name.substr(0, a.name.find('-')), numberB = b.name.substr(0, b.name.find('-'));
+    const size_t digitsA = numberA.size() - std::min(numberA.find_first_not_of('0'), numberA.size());
+    const size_t digitsB = numberB.size() - std::min(numberB.find_first_not_of('0'), numberB.size());
+    if (digitsA != digitsB) return digitsA < digitsB;
+    const int byValue = numberA.compare(numberA.size() - digitsA, digitsA, numberB, numberB.size() - digitsB, digitsB);
+    if (byValue != 0) return byValue < 0;
+    return a.ownName() < b.ownName();
+  });
   std::vector<Movie> movies;
-  unsigned long position = 0;
-  for (const zeb::IFileSystem::CDirectoryEntry& entry : listing.entries) {
-    Movie movie = FromEntry(entry);
-    movie.position = position++;
-    if (Matches(movie, filter)) movies.push_back(std::move(movie));
+  for (size_t position = 0; position < all.size(); ++position) {
+    all[position].position = position;
+    if (Matches(all[position], filter)) movies.push_back(std::move(all[position]));
   }
   return movies;
 }

@@ -27,7 +27,7 @@ struct Movie {
   std::string endTime;           // property "endTime"
   unsigned long durationUs = 0;  // property "duration", microseconds
   std::vector<std::pair<std::string, std::string>> properties;  // every property, in order
-  unsigned long position = 0;    // 0-based position in the root listing (List)
+  unsigned long position = 0;    // 0-based position in the ordered listing (List)
   // From the movie's information file (ReadTiming): the first frame's time
   // in 100-ns ticks since 1601 and the ticks between frames.
   bool hasTiming = false;
@@ -55,8 +55,9 @@ class MovieCatalog {
  public:
   explicit MovieCatalog(zeb::IFileSystem* fileSystem) : m_fileSystem(fileSystem) {}
 
-  // Every movie of the root listing, in the file system's order, that
-  // matches `filter`: a wildcard pattern ('*', '?') matched against the
+  // Every movie of the root listing that matches `filter`, ordered as the
+  // service orders them (by number, then name), with `position` its place in
+  // the whole ordered list. Filter:: a wildcard pattern ('*', '?') matched against the
   // whole movie file name or against the movie's own name; an empty filter
   // matches all. (The tool filters itself so that normal and emulator mode
   // behave alike.)
