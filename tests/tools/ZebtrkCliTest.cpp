@@ -550,7 +550,10 @@ TEST_F(ZebtrkCliSetupTest, AStoppedServiceEndsAnExportWithoutDebris) {
     ASSERT_TRUE(WaitUntil([&] { return access((home_ / "out/1-Long.tif.part").c_str(), F_OK) == 0; }))
         << ReadFile(home_ / "export.log");
     service.Signal(SIGSTOP);
-    if (c.signal) exporter.Signal(c.signal);
+    if (c.signal) {
+      exporter.Signal(c.signal);
+      exporter.Signal(c.signal);  // a second Ctrl-C does not kill it half-way
+    }
     EXPECT_EQ(exporter.Wait(30), c.status) << ReadFile(home_ / "export.log");
     service.Signal(SIGCONT);
     EXPECT_TRUE(Contains(ReadFile(home_ / "export.log"), c.message)) << ReadFile(home_ / "export.log");

@@ -29,6 +29,7 @@
 #include "tools/zebtrk/PreviewRenderer.h"
 #include "tools/zebtrk/ProgressBar.h"
 #include "tools/zebtrk/TextFormat.h"
+#include "tools/zebtrk/TiffStack.h"
 
 namespace {
 
@@ -273,6 +274,11 @@ TEST(OutputFileTest, PrepareFolderMakesMissingFoldersAndRefusesFiles) {
   }
   EXPECT_EQ(FrameExporter::FrameFileName("12-Run/A", 7, ".png"), "12-Run_A-000007.png");
   EXPECT_EQ(FrameExporter::FrameFileName("..", 1234567, ".pgm"), "movie..-1234567.pgm");
+  EXPECT_EQ(FrameExporter::StackFileName("12-Run/A", FrameRange{0, 10}, 10, ".tif"), "12-Run_A.tif");
+  EXPECT_EQ(FrameExporter::StackFileName("12-Run A", FrameRange{2, 5}, 10, ".npy"), "12-Run A-frames-000002-000004.npy");
+  // Classic TIFF up to 4 GiB less 64 MiB of 640x512 pages and their tags.
+  EXPECT_FALSE(TiffStack::NeedsBigTiff(640, 512, 6446));
+  EXPECT_TRUE(TiffStack::NeedsBigTiff(640, 512, 6447));
 }
 
 TEST(TextFormatTest, SizesDurationsAndProgress) {
