@@ -335,7 +335,7 @@ TEST(MovieTest, DurationFromTheFramePeriodWhenThePropertyWraps) {
 TEST(BoundedCallTest, ReturnsTimesOutAndCancels) {
   int pipeFds[2];
   ASSERT_EQ(pipe(pipeFds), 0);
-  BoundedCall bound(std::chrono::milliseconds(200), pipeFds[0], std::chrono::milliseconds(50));
+  BoundedCall bound(std::chrono::milliseconds(1000), pipeFds[0], std::chrono::milliseconds(500));
   int value = 0;
   EXPECT_EQ(bound.Run([&] { value = 1; }), BoundedCall::EOutcome::kDone);
   EXPECT_EQ(value, 1);
@@ -356,7 +356,7 @@ TEST(BoundedCallTest, ReturnsTimesOutAndCancels) {
   ASSERT_EQ(write(pipeFds[1], "x", 1), 1);
   EXPECT_EQ(bound.Run(blocked), BoundedCall::EOutcome::kCancelled);
   // A call that returns within the grace period after the cancel is done.
-  EXPECT_EQ(bound.Run([] { std::this_thread::sleep_for(std::chrono::milliseconds(10)); }),
+  EXPECT_EQ(bound.Run([] { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }),
             BoundedCall::EOutcome::kDone);
   *release = true;
   close(pipeFds[0]);
