@@ -789,9 +789,10 @@ int Commands::Watch(const std::vector<std::string>& args) {
     if (state == ServiceProbe::EState::kAnswers || state == ServiceProbe::EState::kCancelled) return;
     m_out.flush();
     if (state == ServiceProbe::EState::kSilent) {
-      throw CliError(kExitTimeout, "the movie service stopped answering (" + detail + " within " +
-                                       std::to_string(m_timeoutMs / 1000.0).substr(0, 4) +
-                                       " s); no more changes can be reported");
+      char seconds[32];
+      snprintf(seconds, sizeof(seconds), "%g s", m_timeoutMs / 1000.0);
+      throw CliError(kExitTimeout, "the movie service stopped answering (" + detail + " within " + seconds +
+                                       "); no more changes can be reported");
     }
     const char* what = state == ServiceProbe::EState::kNoSocket ? "stopped (its socket is gone)"
                        : state == ServiceProbe::EState::kStale  ? "died (its socket is left over, nobody listens)"
