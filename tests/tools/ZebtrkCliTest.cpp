@@ -451,7 +451,21 @@ TEST_F(ZebtrkCliSetupTest, NoServiceStaleSocketNoDriveNoPlugin) {
     EXPECT_EQ(watch.Wait(30), 3) << ReadFile(home_ / "watch.log");
     EXPECT_TRUE(Contains(ReadFile(home_ / "watch.log"), "the movie service died (its socket is left over"))
         << ReadFile(home_ / "watch.log");
-    unlink(kSocket.c_str());
+
+    // Killed and at once replaced: the new service answers, the plug-in's
+    // connections (and its monitoring) are gone.
+    ASSERT_TRUE(StartService(service, home_.path(), home_ / "service.log")) << ReadFile(home_ / "service.log");
+    ASSERT_TRUE(watch.Start({ZEBTRK_CLI, "watch"}, {"HOME=" + home_.path(), "ZEBTRK_ENABLE_EMULATOR"},
+                            home_ / "watch.log"));
+    ASSERT_TRUE(Logged(home_ / "watch.log", "watching")) << ReadFile(home_ / "watch.log");
+    service.Signal(SIGKILL);
+    EXPECT_EQ(service.Wait(30), 128 + SIGKILL);
+    ChildProcess replacement;
+    ASSERT_TRUE(StartService(replacement, home_.path(), home_ / "service.log")) << ReadFile(home_ / "service.log");
+    EXPECT_EQ(watch.Wait(30), 3) << ReadFile(home_ / "watch.log");
+    const std::string log = ReadFile(home_ / "watch.log");
+    EXPECT_TRUE(Contains(log, "the plug-in lost its connection to the movie service (was the service restarted?)"))
+        << log;
   }
 
   run = Cli({"status"}, {"ZEBTRK_PLUGIN=" + home_ / "missing/libzebtrk.so"});

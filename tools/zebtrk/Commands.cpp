@@ -100,16 +100,19 @@ const char* const kWatchUsage =
     "  Prints the movie list, then again each time the plug-in reports a change,\n"
     "  until Ctrl-C or SIGTERM (exit code 0), or after N changes with --count.\n"
     "  Every 2 s it checks that the service still answers: a service that was\n"
-    "  stopped or killed ends the watch with exit code 3 (8 when it stopped\n"
-    "  answering). In emulator mode the cache directory is watched for movie\n"
-    "  files instead.\n";
+    "  stopped, killed or replaced by a new one (the plug-in's connection and\n"
+    "  monitoring end with the old one) ends the watch with exit code 3 (8 when\n"
+    "  it stopped answering). In emulator mode the cache directory is watched\n"
+    "  for movie files instead.\n";
 
 // How long a plug-in call may take to return after Ctrl-C before the
 // command gives up on it (and ends at once, GiveUp).
 constexpr int kGraceMs = 500;
 
-// How often watch checks that the service is still there.
+// How often watch checks that the service is still there, and how long it
+// lets the socket settle after it came or went.
 constexpr int kWatchProbeMs = 2000;
+constexpr int kSettleMs = 200;
 
 std::string RequireValue(const std::string& text, const char* what) {
   if (text.empty()) throw CliError(kExitUsage, std::string(what) + " needs a value");
@@ -785,7 +788,25 @@ int Commands::Watch(const std::vector<std::string>& args) {
   auto nextProbe = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWatchProbeMs);
   auto checkService = [&] {
     std::string detail;
-    const ServiceProbe::EState state = ServiceProbe::Probe(detail, m_timeoutMs, m_signals->fd());
+    bool drive = false;
+    ServiceProbe::EState state = ServiceProbe::Probe(detail, m_timeoutMs, m_signals->fd(), ServiceProbe::kSocketPath,
+                                                     &drive);
+    if (state == ServiceProbe::EState::kAnswers && drive) {
+      // A service that sees its drive while the plug-in does not: the
+      // plug-in's connections ended (the service was restarted), and with
+      // them its monitoring. Asked once more, so that a drive that comes or
+      // goes meanwhile is no false alarm.
+      bool plugin = true;
+      Bounded([&] { plugin = m_plugin->drivePresent(); }, false);
+      if (!plugin && ServiceProbe::Probe(detail, m_timeoutMs, m_signals->fd(), ServiceProbe::kSocketPath, &drive) ==
+                         ServiceProbe::EState::kAnswers &&
+          drive) {
+        m_out.flush();
+        throw CliError(kExitNoService,
+                       "the plug-in lost its connection to the movie service (was the service restarted?) and with "
+                       "it the monitoring; no more changes can be reported");
+      }
+    }
     if (state == ServiceProbe::EState::kAnswers || state == ServiceProbe::EState::kCancelled) return;
     m_out.flush();
     if (state == ServiceProbe::EState::kSilent) {
@@ -802,7 +823,7 @@ int Commands::Watch(const std::vector<std::string>& args) {
   };
   while (limit == 0 || changes < limit) {
     pollfd fds[3] = {{m_signals->fd(), POLLIN, 0}, {watcher->fd(), POLLIN, 0}, {folder->fd(), POLLIN, 0}};
-    if (poll(fds, 3, emulator ? -1 : 250) < 0) {
+    if (poll(fds, 3, emulator ? -1 : 50) < 0) {
       if (errno == EINTR) continue;
       throw CliError(kExitFailure, "watch: poll failed");
     }
@@ -814,7 +835,13 @@ int Commands::Watch(const std::vector<std::string>& args) {
       PrintList("change " + std::to_string(changes) + (change.empty() ? "" : " (" + change + ")") + ":", movies);
       shown = movies;
     }
-    if (!emulator && ((fds[2].revents & POLLIN && folder->Drain()) || std::chrono::steady_clock::now() >= nextProbe)) {
+    if (!emulator && fds[2].revents & POLLIN && folder->Drain()) {
+      // The socket came or went: probe soon, not at once, so that a service
+      // replacing a dead one's socket (unlink, then bind) is seen as such.
+      nextProbe = std::min(nextProbe, std::chrono::steady_clock::now() + std::chrono::milliseconds(kSettleMs));
+      continue;
+    }
+    if (!emulator && std::chrono::steady_clock::now() >= nextProbe) {
       checkService();
       nextProbe = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWatchProbeMs);
       continue;

@@ -20,12 +20,16 @@ namespace {
 // {"act": "verCheck", "ver": 1}
 const unsigned char kVersionCheck[] = {0x82, 0xA3, 'a', 'c', 't', 0xA8, 'v', 'e', 'r', 'C', 'h', 'e', 'c', 'k',
                                        0xA3, 'v',  'e', 'r', 0x01};
+// {"act": "exec", "ord": 0}: DetectDrive
+const unsigned char kDetectDrive[] = {0x82, 0xA3, 'a', 'c', 't', 0xA4, 'e', 'x', 'e', 'c', 0xA3, 'o', 'r', 'd', 0x00};
 // An answer longer than this that still does not parse is not ours.
 constexpr size_t kMaxAnswerBytes = 4096;
 
-// True when `bytes` hold a whole answer of the protocol; `complete` false
-// when they may be the start of one.
-bool IsAnswer(const std::vector<unsigned char>& bytes, bool& complete) {
+// True when `bytes` hold a whole answer whose "result" map has `key` of
+// `type` (a Bool's value goes to `value`); `complete` false when the bytes may
+// be the start of such an answer.
+bool HasResult(const std::vector<unsigned char>& bytes, const char* key, TinyMsgPackObject::EType type, bool& complete,
+               bool* value) {
   complete = true;
   MemoryStream stream(bytes.data(), bytes.size());
   TinyMsgPackReader reader(&stream);
@@ -33,8 +37,11 @@ bool IsAnswer(const std::vector<unsigned char>& bytes, bool& complete) {
     const TinyMsgPackObject answer = reader.ReadObject();
     if (answer.type() != TinyMsgPackObject::Map || !answer.hasKey("result")) return false;
     const TinyMsgPackObject& result = answer.valueForKey("result");
-    return result.type() == TinyMsgPackObject::Map && result.hasKey("ver") &&
-           result.valueForKey("ver").type() == TinyMsgPackObject::PosInteger;
+    if (result.type() != TinyMsgPackObject::Map || !result.hasKey(key) || result.valueForKey(key).type() != type) {
+      return false;
+    }
+    if (value) *value = result.valueForKey(key).boolValue();
+    return true;
   } catch (const std::exception&) {
     complete = stream.remaining() != 0 || bytes.size() > kMaxAnswerBytes;
     return false;
@@ -57,7 +64,8 @@ class Socket {
 
 }  // namespace
 
-ServiceProbe::EState ServiceProbe::Probe(std::string& detail, int limitMs, int cancelFd, const char* socketPath) {
+ServiceProbe::EState ServiceProbe::Probe(std::string& detail, int limitMs, int cancelFd, const char* socketPath,
+                                         bool* driveDetected) {
   detail.clear();
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
@@ -87,48 +95,60 @@ ServiceProbe::EState ServiceProbe::Probe(std::string& detail, int limitMs, int c
   }
 
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
-  size_t sent = 0;
-  std::vector<unsigned char> answer;
-  for (;;) {
-    const long left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
-    if (left <= 0) {
-      detail = answer.empty() ? "no answer" : "an incomplete answer";
-      return EState::kSilent;
-    }
-    pollfd fds[2] = {{socket.fd(), static_cast<short>(sent < sizeof(kVersionCheck) ? POLLOUT : POLLIN), 0},
-                     {cancelFd, POLLIN, 0}};
-    const int ready = poll(fds, cancelFd >= 0 ? 2 : 1, static_cast<int>(left));
-    if (ready < 0 && errno != EINTR) {
-      detail = strerror(errno);
-      return EState::kUnreachable;
-    }
-    if (cancelFd >= 0 && fds[1].revents) return EState::kCancelled;
-    if (ready <= 0 || fds[0].revents == 0) continue;
-    if (sent < sizeof(kVersionCheck)) {
-      const ssize_t n = send(socket.fd(), kVersionCheck + sent, sizeof(kVersionCheck) - sent, MSG_NOSIGNAL);
-      if (n < 0 && errno != EAGAIN && errno != EINTR) {
-        detail = std::string("the connection broke: ") + strerror(errno);
-        return errno == EPIPE || errno == ECONNRESET ? EState::kForeign : EState::kUnreachable;
+  // The version check, then (when asked) DetectDrive on the same connection.
+  const std::vector<unsigned char> requests[] = {
+      std::vector<unsigned char>(kVersionCheck, kVersionCheck + sizeof(kVersionCheck)),
+      std::vector<unsigned char>(kDetectDrive, kDetectDrive + sizeof(kDetectDrive))};
+  const size_t exchanges = driveDetected ? 2 : 1;
+  for (size_t exchange = 0; exchange < exchanges; ++exchange) {
+    const std::vector<unsigned char>& request = requests[exchange];
+    size_t sent = 0;
+    std::vector<unsigned char> answer;
+    for (;;) {
+      const long left =
+          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
+      if (left <= 0) {
+        detail = answer.empty() ? "no answer" : "an incomplete answer";
+        return EState::kSilent;
       }
-      if (n > 0) sent += static_cast<size_t>(n);
-      continue;
-    }
-    unsigned char buffer[512];
-    const ssize_t n = recv(socket.fd(), buffer, sizeof(buffer), 0);
-    if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
-    if (n <= 0) {
-      detail = n == 0 ? "it closed the connection without an answer" : strerror(errno);
-      return EState::kForeign;
-    }
-    answer.insert(answer.end(), buffer, buffer + n);
-    bool complete = true;
-    if (IsAnswer(answer, complete)) return EState::kAnswers;
-    if (complete) {
-      detail = "its answer to the version check is not the protocol's";
-      return EState::kForeign;
+      pollfd fds[2] = {{socket.fd(), static_cast<short>(sent < request.size() ? POLLOUT : POLLIN), 0},
+                       {cancelFd, POLLIN, 0}};
+      const int ready = poll(fds, cancelFd >= 0 ? 2 : 1, static_cast<int>(left));
+      if (ready < 0 && errno != EINTR) {
+        detail = strerror(errno);
+        return EState::kUnreachable;
+      }
+      if (cancelFd >= 0 && fds[1].revents) return EState::kCancelled;
+      if (ready <= 0 || fds[0].revents == 0) continue;
+      if (sent < request.size()) {
+        const ssize_t n = send(socket.fd(), request.data() + sent, request.size() - sent, MSG_NOSIGNAL);
+        if (n < 0 && errno != EAGAIN && errno != EINTR) {
+          detail = std::string("the connection broke: ") + strerror(errno);
+          return errno == EPIPE || errno == ECONNRESET ? EState::kForeign : EState::kUnreachable;
+        }
+        if (n > 0) sent += static_cast<size_t>(n);
+        continue;
+      }
+      unsigned char buffer[512];
+      const ssize_t n = recv(socket.fd(), buffer, sizeof(buffer), 0);
+      if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
+      if (n <= 0) {
+        detail = n == 0 ? "it closed the connection without an answer" : strerror(errno);
+        return EState::kForeign;
+      }
+      answer.insert(answer.end(), buffer, buffer + n);
+      bool complete = true;
+      const bool ok = exchange == 0 ? HasResult(answer, "ver", TinyMsgPackObject::PosInteger, complete, nullptr)
+                                    : HasResult(answer, "detected", TinyMsgPackObject::Bool, complete, driveDetected);
+      if (ok) break;
+      if (complete) {
+        detail = exchange == 0 ? "its answer to the version check is not the protocol's"
+                               : "its answer to DetectDrive is not the protocol's";
+        return EState::kForeign;
+      }
     }
   }
+  return EState::kAnswers;
 }
 
 std::string ServiceProbe::Message(EState state, const std::string& detail, int limitMs) {

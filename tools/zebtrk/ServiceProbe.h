@@ -24,10 +24,12 @@ class ServiceProbe {
     kCancelled     // the cancel descriptor became readable first
   };
 
-  // Probes `socketPath`, waiting at most `limitMs` for the answer; `cancelFd`
-  // (-1: none) ends the wait. `detail` receives a short reason for anything
-  // but kAnswers (empty then).
-  static EState Probe(std::string& detail, int limitMs, int cancelFd, const char* socketPath = kSocketPath);
+  // Probes `socketPath`, waiting at most `limitMs` for the answers;
+  // `cancelFd` (-1: none) ends the wait. `detail` receives a short reason for
+  // anything but kAnswers (empty then). With `driveDetected`, also asks
+  // DetectDrive on the same connection and stores its answer there.
+  static EState Probe(std::string& detail, int limitMs, int cancelFd, const char* socketPath = kSocketPath,
+                      bool* driveDetected = nullptr);
 
   // The message for a service that cannot be used (any state but kAnswers
   // and kCancelled), with what to do about it. `limitMs` as given to Probe.
