@@ -47,8 +47,7 @@ const char* const kListUsage =
     "  mode: name, path, number (the digits before the first '-'), index (the\n"
     "  0-based position in the list ordered by number, then name: the service's\n"
     "  own order, by which it names movies), frames, width, height, size (bytes),\n"
-    "  startTime and\n"
-    "  endTime (ISO 8601, UTC, microseconds; null when unknown),\n"
+    "  startTime and endTime (ISO 8601, UTC, microseconds; null when unknown),\n"
     "  durationMicroseconds (first to last frame, from the frame count and period\n"
     "  when the information file gives them; null when unknown) and frameRate\n"
     "  (frames per second; null when unknown).\n";
