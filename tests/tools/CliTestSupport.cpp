@@ -1,6 +1,7 @@
 #include "tests/tools/CliTestSupport.h"
 
 #include <png.h>
+#include <tiffio.h>
 
 #include <cstdio>
 
@@ -48,6 +49,29 @@ bool ReadPng(const std::string& path, SPng& png) {
     ok = DecodePng(file, state.png, state.info, &png, rows.data(), true);
   }
   fclose(file);
+  return ok;
+}
+
+bool ReadTiff(const std::string& path, std::vector<STiffPage>& pages) {
+  TIFF* tiff = TIFFOpen(path.c_str(), "r");
+  if (!tiff) return false;
+  bool ok = true;
+  do {
+    STiffPage page;
+    uint16_t bits = 0;
+    const char* text = nullptr;
+    ok = TIFFGetField(tiff, TIFFTAG_IMAGEWIDTH, &page.width) && TIFFGetField(tiff, TIFFTAG_IMAGELENGTH, &page.height) &&
+         TIFFGetField(tiff, TIFFTAG_BITSPERSAMPLE, &bits) && TIFFNumberOfStrips(tiff) == 1;
+    if (!ok) break;
+    page.bitsPerSample = bits;
+    if (TIFFGetField(tiff, TIFFTAG_IMAGEDESCRIPTION, &text)) page.description = text;
+    if (TIFFGetField(tiff, TIFFTAG_PAGENAME, &text)) page.pageName = text;
+    if (TIFFGetField(tiff, TIFFTAG_DATETIME, &text)) page.dateTime = text;
+    page.samples.resize(TIFFStripSize(tiff));
+    ok = TIFFReadEncodedStrip(tiff, 0, &page.samples[0], -1) == static_cast<tmsize_t>(page.samples.size());
+    pages.push_back(page);
+  } while (ok && TIFFReadDirectory(tiff));
+  TIFFClose(tiff);
   return ok;
 }
 

@@ -45,7 +45,7 @@ foreach(file
     include/zeb/IFileSystem.h include/zeb/file/CRawImagerFile.h include/zeb/reduce/CReduceObjectArray.h
     include/zebtrk/zebtrk.h include/zebtrk/CTrkInterface.h include/zebtrk/CTrkImagerFile.h
     ${LIBDIR}/cmake/zebtrk/zebtrkConfig.cmake ${LIBDIR}/cmake/zebtrk/zebtrkConfigVersion.cmake
-    ${LIBDIR}/pkgconfig/zebtrk.pc)
+    ${LIBDIR}/pkgconfig/zebtrk.pc share/man/man1/zebtrk.1 share/bash-completion/completions/zebtrk)
   if(NOT EXISTS ${prefix}/${file})
     message(FATAL_ERROR "not installed: ${file}")
   endif()
@@ -84,8 +84,13 @@ run(pkg-config --cflags --libs zebtrk)
 string(STRIP "${output}" pkg_flags)
 separate_arguments(pkg_flags UNIX_COMMAND "${pkg_flags}")
 separate_arguments(sanitize_flags UNIX_COMMAND "${flags}")
-run(c++ ${sanitize_flags} ${SOURCE_DIR}/examples/list_movies.cpp -o ${WORK_DIR}/list_movies_pc ${pkg_flags})
-run(${CMAKE_COMMAND} -E env ${environment} LD_LIBRARY_PATH=${prefix}/${LIBDIR} ${WORK_DIR}/list_movies_pc)
+# As the README shows it: the run-time path from pkg-config's libdir, so the
+# host runs without LD_LIBRARY_PATH.
+run(pkg-config --variable=libdir zebtrk)
+string(STRIP "${output}" pkg_libdir)
+run(c++ ${sanitize_flags} ${SOURCE_DIR}/examples/list_movies.cpp -o ${WORK_DIR}/list_movies_pc ${pkg_flags}
+    -Wl,-rpath,${pkg_libdir})
+run(${CMAKE_COMMAND} -E env --unset=LD_LIBRARY_PATH ${environment} ${WORK_DIR}/list_movies_pc)
 expect_in("${output}" "frame 0 of trk:///7-Fire" "example (pkg-config)")
 file(WRITE ${WORK_DIR}/c_host.c "#include <zebtrk/zebtrk.h>\nint main(void) { return zebtrk_drivePresent() ? 0 : 1; }\n")
 run(pkg-config --cflags zebtrk)
@@ -96,6 +101,19 @@ run(cc -std=c11 -Wall -Werror ${c_flags} -c ${WORK_DIR}/c_host.c -o ${WORK_DIR}/
 # The installed command finds the installed plug-in by itself.
 run(${CMAKE_COMMAND} -E env ${environment} ${prefix}/bin/zebtrk ls)
 expect_in("${output}" "7-Fire" "installed zebtrk ls")
+# The completion offers the movies and the formats; the man page is well formed.
+file(WRITE ${WORK_DIR}/complete.sh [=[
+source "$1/share/bash-completion/completions/zebtrk"
+COMP_WORDS=(zebtrk rm 7); COMP_CWORD=2; _zebtrk; echo "${COMPREPLY[*]}"
+COMP_WORDS=(zebtrk export x y --format t); COMP_CWORD=5; _zebtrk; echo "${COMPREPLY[*]}"
+]=])
+run(${CMAKE_COMMAND} -E env ${environment} PATH=${prefix}/bin:$ENV{PATH} bash ${WORK_DIR}/complete.sh ${prefix})
+expect_in("${output}" "7-Fire\ntiff" "bash completion")
+find_program(MAN man)
+if(MAN)
+  run(${CMAKE_COMMAND} -E env MANWIDTH=80 ${MAN} -l ${prefix}/share/man/man1/zebtrk.1)
+  expect_in("${output}" "zebtrk --version | --help" "man page")
+endif()
 
 file(REMOVE_RECURSE ${WORK_DIR})
 message(STATUS "install test passed")

@@ -630,7 +630,10 @@ TEST_F(ServiceStartTest, ArgumentsAreCheckedAndExplained) {
        "make-movie needs --width, --height, --frames, --number and --name"},
       {{"make-movie", dir, "--width", "70000"}, 2, "option --width needs a whole number from 1 to 65535"},
       {{"make-movie", dir, "--rate", "fast"}, 2, "option --rate needs frames per second"},
+      {{"make-movie", dir, "--name", std::string(64, 'n')}, 2,
+       "is 64 bytes long; the plug-in shows names of more than 63 bytes as empty"},
       {{"--help"}, 0, "usage: zebtrksvc --drive DIR"},
+      {{"--version"}, 0, "zebtrksvc 0."},
   };
   for (const Case& c : cases) {
     std::string line;
@@ -641,7 +644,9 @@ TEST_F(ServiceStartTest, ArgumentsAreCheckedAndExplained) {
     const std::string& text = c.status == 0 ? run.out : run.err;
     EXPECT_NE(text.find(c.message), std::string::npos) << text;
     if (c.status == 2) {
-      EXPECT_NE(run.err.find("usage: zebtrksvc"), std::string::npos);
+      // One line, and where to look.
+      EXPECT_EQ(run.err.find('\n'), run.err.size() - 1) << run.err;
+      EXPECT_NE(run.err.find("(zebtrksvc --help shows the usage)"), std::string::npos);
     }
   }
   EXPECT_FALSE(PathExists(dir));

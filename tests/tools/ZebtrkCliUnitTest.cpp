@@ -1,17 +1,23 @@
 // Unit tests of the zebtrk command's building blocks that need no plug-in:
 // frame ranges, name suggestions, JSON text, the preview PNG, the preview
-// stretch, argument splitting, output files and the output folder check.
+// stretch, argument splitting, output files and the output folder check, the
+// bounded call, the encoder pool's order, escaped names and display widths.
 #include <gtest/gtest.h>
 #include <png.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/support/TempDir.h"
 #include "tests/tools/CliTestSupport.h"
 #include "tools/zebtrk/ArgumentList.h"
+#include "tools/zebtrk/BoundedCall.h"
+#include "tools/zebtrk/EncoderPool.h"
 #include "tools/zebtrk/CliError.h"
 #include "tools/zebtrk/FrameExporter.h"
 #include "tools/zebtrk/FrameRange.h"
@@ -23,6 +29,7 @@
 #include "tools/zebtrk/PreviewRenderer.h"
 #include "tools/zebtrk/ProgressBar.h"
 #include "tools/zebtrk/TextFormat.h"
+#include "tools/zebtrk/TiffStack.h"
 
 namespace {
 
@@ -115,9 +122,9 @@ TEST(ImageWriterTest, PreviewPngHoldsTheRenderedColours) {
   TempDir dir;
   std::string error;
   const std::vector<uint8_t> rgb = PreviewRenderer::Render(frame, 3, 2);
-  FILE* file = fopen((dir / "colour.png").c_str(), "wb");
-  ASSERT_TRUE(PngWriter::WriteRgb8(file, rgb.data(), 3, 2, error)) << error;
-  fclose(file);
+  std::string bytes;
+  ASSERT_TRUE(PngWriter::EncodeRgb8(rgb.data(), 3, 2, bytes, error)) << error;
+  ASSERT_TRUE(testsupport::WriteFile(dir / "colour.png", bytes));
   clitest::SPng png;
   ASSERT_TRUE(clitest::ReadPng(dir / "colour.png", png));
   EXPECT_EQ(png.width, 3u);
@@ -125,17 +132,6 @@ TEST(ImageWriterTest, PreviewPngHoldsTheRenderedColours) {
   EXPECT_EQ(png.bitDepth, 8);
   EXPECT_EQ(png.colourType, PNG_COLOR_TYPE_RGB);
   EXPECT_EQ(png.bytes, rgb);
-}
-
-TEST(ImageWriterTest, PngWriteFailureIsReported) {
-  FILE* full = fopen("/dev/full", "wb");
-  if (!full) GTEST_SKIP() << "no /dev/full";
-  setvbuf(full, nullptr, _IONBF, 0);
-  std::vector<uint8_t> frame(64 * 64 * 2, 7);
-  std::string error;
-  EXPECT_FALSE(PngWriter::WriteGray16(full, frame.data(), 64, 64, error));
-  EXPECT_FALSE(error.empty());
-  fclose(full);
 }
 
 TEST(PreviewRendererTest, StretchIgnoresOutliersAndWarmIsBright) {
@@ -243,6 +239,21 @@ TEST(OutputFileTest, OnlyCommittedFilesAppear) {
   }
   EXPECT_EQ(testsupport::ReadFile(path), "abc");
   EXPECT_NE(access((path + ".part").c_str(), F_OK), 0);
+  {
+    // Without replace an existing file stays; the temporary goes.
+    OutputFile file(path);
+    file.Write("new", 3);
+    const auto exists = ErrorOf([&] { file.Commit(false); });
+    EXPECT_EQ(exists, std::make_pair(int(kExitOutput), path + " exists already (--force replaces it)"));
+  }
+  EXPECT_EQ(testsupport::ReadFile(path), "abc");
+  {
+    // What a command that must end at once removes.
+    OutputFile a(dir / "a"), b(dir / "b");
+    OutputFile::RemoveUnfinished();
+    EXPECT_NE(access((dir / "a.part").c_str(), F_OK), 0);
+    EXPECT_NE(access((dir / "b.part").c_str(), F_OK), 0);
+  }
 
   const auto missing = ErrorOf([&] { OutputFile(dir / "no/such/folder/x.png"); });
   EXPECT_EQ(missing.first, kExitOutput);
@@ -263,6 +274,11 @@ TEST(OutputFileTest, PrepareFolderMakesMissingFoldersAndRefusesFiles) {
   }
   EXPECT_EQ(FrameExporter::FrameFileName("12-Run/A", 7, ".png"), "12-Run_A-000007.png");
   EXPECT_EQ(FrameExporter::FrameFileName("..", 1234567, ".pgm"), "movie..-1234567.pgm");
+  EXPECT_EQ(FrameExporter::StackFileName("12-Run/A", FrameRange{0, 10}, 10, ".tif"), "12-Run_A.tif");
+  EXPECT_EQ(FrameExporter::StackFileName("12-Run A", FrameRange{2, 5}, 10, ".npy"), "12-Run A-frames-000002-000004.npy");
+  // Classic TIFF up to 4 GiB less 64 MiB of 640x512 pages and their tags.
+  EXPECT_FALSE(TiffStack::NeedsBigTiff(640, 512, 6446));
+  EXPECT_TRUE(TiffStack::NeedsBigTiff(640, 512, 6447));
 }
 
 TEST(TextFormatTest, SizesDurationsAndProgress) {
@@ -274,9 +290,95 @@ TEST(TextFormatTest, SizesDurationsAndProgress) {
   EXPECT_EQ(TextFormat::Duration(60210988), "1 min 0.210 s");
   EXPECT_EQ(TextFormat::Duration(7201000000), "2 h 0 min 1.000 s");
   EXPECT_EQ(TextFormat::Time(0), "-");
-  EXPECT_EQ(TextFormat::IsoTime(116444736000000000L), "1970-01-01T00:00:00Z");
+  EXPECT_EQ(TextFormat::IsoTime(116444736000000000L + 2500), "1970-01-01T00:00:00.000250Z");
+  EXPECT_EQ(TextFormat::TiffTime(133590240000000000L), "2024:05:01 08:00:00");
+  EXPECT_EQ(TextFormat::Rate(333667), "29.97 Hz");
   EXPECT_EQ(ProgressBar::Line("export x", 5, 10, 10), "export x  [#####.....]  5/10 frames");
   EXPECT_EQ(ProgressBar::Line("e", 12, 10, 4), "e  [####]  10/10 frames");
+  EXPECT_EQ(ProgressBar::Line("e", 50, 200, 4, 2.0), "e  [#...]  50/200 frames  25 frames/s  0:06 left");
+}
+
+TEST(TextFormatTest, NamesAreEscapedAndMeasuredInColumns) {
+  struct {
+    std::string name, shown;
+    size_t columns;
+  } cases[] = {
+      {"Run A", "Run A", 5},
+      {"a\x1b[31mred\nb\tc", "a\\x1b[31mred\\nb\\tc", 18},
+      {"caf\xc3\xa9", "caf\xc3\xa9", 4},                         // é: one column, two bytes
+      {"e\xcc\x81", "e\xcc\x81", 1},                             // e + combining acute
+      {"\xe6\x97\xa5\xe6\x9c\xac", "\xe6\x97\xa5\xe6\x9c\xac", 4},  // two wide characters
+      {"\xc2\x9b" "1m", "\\xc2\\x9b1m", 10},                     // C1 control (CSI)
+      {"bad\xff\xc3", "bad\\xff\\xc3", 11},                      // not UTF-8
+      {"\xed\xa0\x80", "\\xed\\xa0\\x80", 12},                   // a surrogate
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(TextFormat::Escaped(c.name), c.shown) << c.shown;
+    EXPECT_EQ(TextFormat::DisplayWidth(TextFormat::Escaped(c.name)), c.columns) << c.shown;
+  }
+}
+
+TEST(MovieTest, DurationFromTheFramePeriodWhenThePropertyWraps) {
+  Movie movie;
+  movie.frames = 3;
+  movie.durationUs = 18446712451312518279ul;  // across New Year: end - start wrapped
+  unsigned long us = 0;
+  EXPECT_FALSE(movie.Duration(us));
+  movie.hasTiming = true;
+  movie.firstFrameTicks = 133485407990000000L;  // 2023-12-31 23:59:59 UTC
+  movie.framePeriodTicks = 10000000;
+  ASSERT_TRUE(movie.Duration(us));
+  EXPECT_EQ(us, 2000000u);
+  EXPECT_EQ(TextFormat::IsoTime(movie.endTicks()), "2024-01-01T00:00:01.000000Z");
+}
+
+TEST(BoundedCallTest, ReturnsTimesOutAndCancels) {
+  int pipeFds[2];
+  ASSERT_EQ(pipe(pipeFds), 0);
+  BoundedCall bound(std::chrono::milliseconds(1000), pipeFds[0], std::chrono::milliseconds(500));
+  int value = 0;
+  EXPECT_EQ(bound.Run([&] { value = 1; }), BoundedCall::EOutcome::kDone);
+  EXPECT_EQ(value, 1);
+  EXPECT_EQ(ErrorOf([&] { bound.Run([] { throw CliError(kExitFailure, "inside"); }); }),
+            std::make_pair(int(kExitFailure), std::string("inside")));
+  // Nested: runs under the outer bound, no deadlock.
+  EXPECT_EQ(bound.Run([&] { bound.Run([&] { value = 2; }); }), BoundedCall::EOutcome::kDone);
+  EXPECT_EQ(value, 2);
+
+  auto release = std::make_shared<std::atomic<bool>>(false);
+  auto blocked = [release] {
+    while (!*release) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  };
+  EXPECT_EQ(bound.Run(blocked), BoundedCall::EOutcome::kTimedOut);
+  EXPECT_EQ(bound.abandoned(), 1u);
+  EXPECT_EQ(bound.Run([&] { value = 3; }), BoundedCall::EOutcome::kDone);  // a new worker
+  EXPECT_EQ(value, 3);
+  ASSERT_EQ(write(pipeFds[1], "x", 1), 1);
+  EXPECT_EQ(bound.Run(blocked), BoundedCall::EOutcome::kCancelled);
+  // A call that returns within the grace period after the cancel is done.
+  EXPECT_EQ(bound.Run([] { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }),
+            BoundedCall::EOutcome::kDone);
+  *release = true;
+  close(pipeFds[0]);
+  close(pipeFds[1]);
+}
+
+TEST(EncoderPoolTest, ResultsComeInSubmissionOrderWithinTheCapacity) {
+  EncoderPool pool(3, 4);
+  std::vector<std::string> taken;
+  for (int n = 0; n < 20; ++n) {
+    while (pool.full()) taken.push_back(pool.Take()[0]);
+    pool.Submit([n] {
+      std::this_thread::sleep_for(std::chrono::microseconds((20 - n) % 7 * 300));
+      if (n == 17) throw CliError(kExitOutput, "job 17");
+      return std::vector<std::string>{std::to_string(n)};
+    });
+  }
+  while (taken.size() < 17) taken.push_back(pool.Take()[0]);
+  EXPECT_EQ(ErrorOf([&] { pool.Take(); }).second, "job 17");
+  while (!pool.empty()) taken.push_back(pool.Take()[0]);
+  ASSERT_EQ(taken.size(), 19u);
+  for (int n = 0; n < 19; ++n) EXPECT_EQ(taken[n], std::to_string(n < 17 ? n : n + 1));
 }
 
 }  // namespace

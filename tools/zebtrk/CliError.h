@@ -14,12 +14,13 @@ enum ExitCode : int {
   kExitOk = 0,
   kExitFailure = 1,       // an operation failed (read, remove, watch set-up)
   kExitUsage = 2,         // bad command line or frame range
-  kExitNoService = 3,     // the movie service does not answer
+  kExitNoService = 3,     // the movie service is not running, gone or foreign
   kExitNoDrive = 4,       // the service reports no drive
   kExitNoMovie = 5,       // no movie of that name
   kExitOutput = 6,        // output folder missing/not writable, write failed
   kExitPlugin = 7,        // plug-in library not found or not usable
-  kExitInterrupted = 130  // an export stopped by SIGINT/SIGTERM
+  kExitTimeout = 8,       // the service did not answer within the time limit
+  kExitInterrupted = 130  // a command stopped by SIGINT/SIGTERM
 };
 
 class CliError : public std::runtime_error {

@@ -132,6 +132,13 @@ void JsonWriter::Number(unsigned long value) {
   m_text += std::to_string(value);
 }
 
+void JsonWriter::Decimal(double value, int digits) {
+  Separate();
+  char text[64];
+  snprintf(text, sizeof(text), "%.*g", digits, value);
+  m_text += text;
+}
+
 void JsonWriter::Null() {
   Separate();
   m_text += "null";

@@ -21,6 +21,8 @@ class JsonWriter {
   void Key(const std::string& name);
   void String(const std::string& value);
   void Number(unsigned long value);
+  // A finite number with up to `digits` significant digits ("29.97").
+  void Decimal(double value, int digits = 9);
   void Null();
 
   const std::string& text() const { return m_text; }

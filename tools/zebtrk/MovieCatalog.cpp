@@ -1,7 +1,12 @@
 #include "tools/zebtrk/MovieCatalog.h"
 
+#include <algorithm>
+#include <climits>
+
 #include <zeb/Numbers.h>
 #include <zeb/Path.h>
+#include <zeb/TSharedPtr.h>
+#include <zeb/file/SRawImagerInfo.h>
 
 #include "tools/zebtrk/CliError.h"
 #include "tools/zebtrk/NameMatcher.h"
@@ -21,6 +26,53 @@ bool AllDigits(const std::string& text) {
 std::string Movie::ownName() const {
   const size_t dash = name.find('-');
   return dash == std::string::npos ? name : name.substr(dash + 1);
+}
+
+long Movie::endTicks() const {
+  unsigned long microseconds = 0;
+  if (startTicks() == 0 || !Duration(microseconds)) return 0;
+  return startTicks() + static_cast<long>(microseconds * 10);
+}
+
+bool Movie::Duration(unsigned long& microseconds) const {
+  if (hasTiming) {
+    microseconds = frames < 2 ? 0 : static_cast<unsigned long>(framePeriodTicks) / 10 * (frames - 1) +
+                                        static_cast<unsigned long>(framePeriodTicks) % 10 * (frames - 1) / 10;
+    return true;
+  }
+  // A wrapped end-minus-start is near 2^64; no recording lasts 2^63 us.
+  if (durationUs > static_cast<unsigned long>(LONG_MAX)) return false;
+  microseconds = durationUs;
+  return true;
+}
+
+std::string MovieCatalog::ReadInfo(const Movie& movie) const {
+  const std::string infoPath = movie.uri() + ":info";
+  zeb::TSharedPtr<zeb::IFile> file = m_fileSystem->OpenFile(infoPath.c_str(), zeb::IFile::kModeRead);
+  if (!file) throw CliError(kExitFailure, "cannot open the information file " + infoPath);
+  std::string text;
+  char buffer[4096];
+  for (;;) {
+    const unsigned int n = file->Read(buffer, sizeof(buffer));
+    if (n == 0) break;
+    text.append(buffer, n);
+    if (text.size() > zeb::file::SRawImagerInfo::kMaxInfoBytes) break;
+  }
+  return text;
+}
+
+void MovieCatalog::ReadTiming(Movie& movie) const {
+  std::string text;
+  try {
+    text = ReadInfo(movie);
+  } catch (const CliError&) {
+    return;
+  }
+  zeb::file::SRawImagerInfo info;
+  if (!zeb::file::SRawImagerInfo::FromText(text.data(), text.size(), info) || !info.hasTiming) return;
+  movie.hasTiming = true;
+  movie.firstFrameTicks = info.firstFrameTicks;
+  movie.framePeriodTicks = info.framePeriodTicks;
 }
 
 Movie MovieCatalog::FromEntry(const zeb::IFileSystem::CDirectoryEntry& entry) {
@@ -58,10 +110,23 @@ std::string MovieCatalog::BareName(const std::string& query) {
 
 std::vector<Movie> MovieCatalog::List(const std::string& filter) const {
   const zeb::IFileSystem::CDirectoryListing listing = m_fileSystem->GetDirectoryListing("trk:///", "");
+  std::vector<Movie> all;
+  for (const zeb::IFileSystem::CDirectoryEntry& entry : listing.entries) all.push_back(FromEntry(entry));
+  // The service's order in both modes (the emulator lists file names in
+  // byte order, "10-x" before "2-y").
+  std::stable_sort(all.begin(), all.end(), [](const Movie& a, const Movie& b) {
+    const std::string numberA = a.name.substr(0, a.name.find('-')), numberB = b.name.substr(0, b.name.find('-'));
+    const size_t digitsA = numberA.size() - std::min(numberA.find_first_not_of('0'), numberA.size());
+    const size_t digitsB = numberB.size() - std::min(numberB.find_first_not_of('0'), numberB.size());
+    if (digitsA != digitsB) return digitsA < digitsB;
+    const int byValue = numberA.compare(numberA.size() - digitsA, digitsA, numberB, numberB.size() - digitsB, digitsB);
+    if (byValue != 0) return byValue < 0;
+    return a.ownName() < b.ownName();
+  });
   std::vector<Movie> movies;
-  for (const zeb::IFileSystem::CDirectoryEntry& entry : listing.entries) {
-    Movie movie = FromEntry(entry);
-    if (Matches(movie, filter)) movies.push_back(std::move(movie));
+  for (size_t position = 0; position < all.size(); ++position) {
+    all[position].position = position;
+    if (Matches(all[position], filter)) movies.push_back(std::move(all[position]));
   }
   return movies;
 }

@@ -10,7 +10,9 @@
 
 #include "tools/zebtrk/MovieCatalog.h"
 
-// The raw imager layout of `movie`. Timing is given when the movie has a
+// The raw imager layout of `movie`. Timing is the movie's own (its
+// information file's) when MovieCatalog::ReadTiming found it; otherwise it is
+// derived from the entry when the movie has a
 // recording time, more than one frame and a duration that did not wrap:
 // firstFrameTicks from the recording time, framePeriodTicks the duration
 // spread over the gaps between frames.

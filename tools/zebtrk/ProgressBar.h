@@ -1,13 +1,15 @@
-// ProgressBar: a one-line progress bar for long exports, redrawn in place on
-// a terminal ("export 12-Run A  [#########.........]  45/100 frames").
+// ProgressBar: a one-line progress display for long exports, redrawn in
+// place on a terminal:
+//   "export 12-Run A  [#########.........]  450/1000 frames  212 frames/s  0:03 left"
 //
 // It draws only when enabled (the caller enables it when stderr is a
-// terminal), at most once per percent of progress, and erases itself on
-// Finish, so piped and redirected output stays clean.
+// terminal and --quiet was not given), at most ten times a second, and
+// erases itself on Finish, so piped and redirected output stays clean.
 //
 // Ownership: borrows the stream. One thread.
 #pragma once
 
+#include <chrono>
 #include <cstdio>
 #include <string>
 
@@ -24,8 +26,10 @@ class ProgressBar {
   // Erases the bar (once).
   void Finish();
 
-  // The line drawn for `done` of `total` with a bar of `width` cells.
-  static std::string Line(const std::string& label, unsigned long done, unsigned long total, unsigned int width);
+  // The line drawn for `done` of `total` with a bar of `width` cells after
+  // `seconds` (rate and time left are shown once seconds > 0 and done > 0).
+  static std::string Line(const std::string& label, unsigned long done, unsigned long total, unsigned int width,
+                          double seconds = 0);
   // True when `stream` is a terminal.
   static bool IsTerminal(FILE* stream);
 
@@ -35,5 +39,6 @@ class ProgressBar {
   unsigned long m_total;
   bool m_enabled;
   bool m_drawn = false;
-  long m_lastPermille = -1;
+  std::chrono::steady_clock::time_point m_start;
+  std::chrono::steady_clock::time_point m_lastDraw;
 };

@@ -12,11 +12,14 @@ namespace {
 // Process-wide state of the one monitor: the handler may run on any thread.
 int g_pipe[2] = {-1, -1};
 std::atomic<int> g_signal{0};
+std::atomic<int> g_count{0};
 
 void OnSignal(int number) {
   int expected = 0;
+  const int count = ++g_count;
   if (!g_signal.compare_exchange_strong(expected, number)) {
-    // Second signal: the user insists. Default action, delivered now.
+    if (count < 3) return;  // absorbed: the command is ending
+    // Third signal: the user insists. Default action, delivered now.
     struct sigaction action {};
     action.sa_handler = SIG_DFL;
     sigaction(number, &action, nullptr);
@@ -35,6 +38,7 @@ void OnSignal(int number) {
 SignalMonitor::SignalMonitor() {
   if (pipe2(g_pipe, O_CLOEXEC | O_NONBLOCK) != 0) throw std::runtime_error("cannot create a pipe");
   g_signal = 0;
+  g_count = 0;
   struct sigaction action {};
   action.sa_handler = OnSignal;
   sigemptyset(&action.sa_mask);

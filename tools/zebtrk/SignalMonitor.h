@@ -3,9 +3,12 @@
 // frames and remove its partial file.
 //
 // While an object lives, the first SIGINT/SIGTERM only records the signal
-// (the handler writes one byte to a pipe, which is async-signal-safe); a
-// second one restores the default action and re-raises it, so a user can
-// still force the program to stop when it is stuck. The destructor puts the
+// (the handler writes one byte to a pipe, which is async-signal-safe). Every
+// command ends within a second of it (Commands bounds every wait), removing
+// its unfinished files, so a second signal, which users send when nothing
+// seems to happen, is absorbed rather than killing the program half-way and
+// leaving a ".part" behind; a third restores the default action and re-raises
+// it, so a user can still force the program to stop. The destructor puts the
 // previous dispositions back and closes the pipe.
 //
 // Ownership: at most one object per process (the handler's state is

@@ -163,8 +163,16 @@ bool ParseMakeMovie(Arguments& args, Options& options, std::string& error) {
       ok = Number(key, value, 0, std::numeric_limits<uint64_t>::max(), movie.seed, error);
     } else if (key == "--name") {
       movie.name = value;
-      name = !value.empty();
-      if (!name) error = "option --name needs a name";
+      name = !value.empty() && value.size() <= CommandLine::kMaxNameBytes && value.find('/') == std::string::npos;
+      if (value.empty()) {
+        error = "option --name needs a name";
+      } else if (value.find('/') != std::string::npos) {
+        error = "option --name: a movie name cannot hold '/' (it is part of a file name)";
+      } else if (!name) {
+        error = "option --name: \"" + value.substr(0, 20) + "...\" is " + std::to_string(value.size()) +
+                " bytes long; the plug-in shows names of more than " + std::to_string(CommandLine::kMaxNameBytes) +
+                " bytes as empty, so the service cannot serve it";
+      }
       ok = name;
     } else if (key == "--rate") {
       char* end = nullptr;
@@ -196,6 +204,14 @@ bool CommandLine::Parse(int argc, const char* const* argv, Options& options, std
   options = Options();
   if (argc >= 2) {
     const std::string first = argv[1];
+    if (first == "--version" || first == "-V") {
+      if (argc > 2) {
+        error = "--version takes no arguments";
+        return false;
+      }
+      options.mode = Options::Mode::Version;
+      return true;
+    }
     if (first == "--help" || first == "-h" || first == "help") {
       if (argc > 2) {
         error = "--help takes no arguments";
@@ -225,7 +241,7 @@ const char* CommandLine::Usage() {
          "       zebtrksvc make-demo DIR [--movies N] [--seed S] [--frames F]\n"
          "       zebtrksvc make-movie DIR --width W --height H --frames F --number N --name NAME\n"
          "                 [--seed S] [--rate HZ] [--start SECONDS] [--sparse]\n"
-         "       zebtrksvc --help\n"
+         "       zebtrksvc --help | --version\n"
          "\n"
          "Serves the movies of the drive folder DIR over /tmp/zebtrksvc, the way the\n"
          "recorder's movie service does, so the libzebtrk plug-in can be used without a\n"
@@ -239,7 +255,8 @@ const char* CommandLine::Usage() {
          "make-demo writes N synthetic thermal movies (default 6) into DIR: several\n"
          "sizes, tens to hundreds of frames, the same bytes for the same seed (default\n"
          "1); --frames gives every movie F frames.\n"
-         "make-movie writes one movie of the given size: --rate frames per second\n"
+         "make-movie writes one movie of the given size (NAME at most 63 bytes, the\n"
+         "longest the plug-in shows): --rate frames per second\n"
          "(default 30), --start the first frame's time in seconds since 1970 (default\n"
          "2024-05-02 08:00 UTC), --sparse writes only the first and last frames and\n"
          "leaves the rest a hole of the data file (for multi-gigabyte movies).\n"

@@ -4,7 +4,7 @@
 //   zebtrksvc make-demo DIR [--movies N] [--seed S] [--frames F]
 //   zebtrksvc make-movie DIR --width W --height H --frames F --number N
 //             --name NAME [--seed S] [--rate HZ] [--start SECONDS] [--sparse]
-//   zebtrksvc --help
+//   zebtrksvc --help | --version
 //
 // Options take their value as the next argument or after '='. Pure; any
 // thread.
@@ -18,7 +18,7 @@
 namespace zebtrksvc {
 
 struct Options {
-  enum class Mode { Serve, MakeDemo, MakeMovie, Help };
+  enum class Mode { Serve, MakeDemo, MakeMovie, Help, Version };
 
   Mode mode = Mode::Serve;
   std::string drive;    // Serve: the drive folder as given
@@ -32,6 +32,9 @@ struct Options {
 
 class CommandLine {
  public:
+  // The longest movie name the plug-in shows (longer ones it shows empty).
+  static constexpr size_t kMaxNameBytes = 63;
+
   // Fills `options` from argv[1..argc-1]. Success: true. Failure: false with
   // `error` naming the offending argument.
   static bool Parse(int argc, const char* const* argv, Options& options, std::string& error);

@@ -125,13 +125,16 @@ int main(int argc, char** argv) {
   Options options;
   std::string error;
   if (!CommandLine::Parse(argc, argv, options, error)) {
-    std::fprintf(stderr, "zebtrksvc: %s\n\n%s", error.c_str(), CommandLine::Usage());
+    std::fprintf(stderr, "zebtrksvc: %s (zebtrksvc --help shows the usage)\n", error.c_str());
     return kExitUsage;
   }
   try {
     switch (options.mode) {
       case Options::Mode::Help:
         std::fputs(CommandLine::Usage(), stdout);
+        return 0;
+      case Options::Mode::Version:
+        std::printf("zebtrksvc %s\n", ZEBTRK_VERSION);
         return 0;
       case Options::Mode::MakeDemo:
         return MakeDemo(options);
