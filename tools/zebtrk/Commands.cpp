@@ -19,6 +19,7 @@
 #include "tools/zebtrk/DirectoryWatcher.h"
 #include "tools/zebtrk/FrameExporter.h"
 #include "tools/zebtrk/JsonWriter.h"
+#include "tools/zebtrk/MountCommand.h"
 #include "tools/zebtrk/PluginLoader.h"
 #include "tools/zebtrk/ProgressBar.h"
 #include "tools/zebtrk/ServiceProbe.h"
@@ -102,7 +103,7 @@ std::string Commands::Usage() {
              "usage: zebtrk COMMAND [ARGUMENTS]   (zebtrk COMMAND --help for one command)\n"
              "\n") +
          kStatusUsage + "\n" + kListUsage + "\n" + kInfoUsage + "\n" + kExportUsage + "\n" + kRemoveUsage + "\n" +
-         kWatchUsage +
+         kWatchUsage + "\n" + MountCommand::Usage() +
          "\n"
          "Environment:\n"
          "  ZEBTRK_ENABLE_EMULATOR  non-empty: no service; the movies are the raw imager\n"
@@ -139,6 +140,7 @@ int Commands::Run(const std::vector<std::string>& args) {
     if (command == "export") return Export(rest);
     if (command == "rm" || command == "remove") return Remove(rest);
     if (command == "watch") return Watch(rest);
+    if (command == "mount") return MountCommand(m_out, m_err).Run(rest);
     throw CliError(kExitUsage, "unknown command \"" + command + "\" (zebtrk --help lists the commands)");
   } catch (const CliError& error) {
     m_out.flush();

@@ -1,0 +1,104 @@
+#include "tools/zebtrk/BoundedCall.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <sstream>
+
+namespace {
+
+std::atomic<unsigned long> g_abandoned{0};
+
+}  // namespace
+
+// What the caller and the worker share; it outlives both sides' use of it.
+struct BoundedCall::SState {
+  std::timed_mutex callers;  // one caller at a time hands over a call
+  std::mutex lock;           // guards the fields below
+  std::condition_variable changed;
+  std::function<void()> call;  // the call handed over, empty while none waits
+  unsigned long started = 0;   // calls taken by the worker
+  unsigned long finished = 0;  // calls the worker ended
+  bool abandoned = false;      // the running call's caller gave up on it
+  bool stop = false;
+};
+
+BoundedCall::BoundedCall(std::chrono::milliseconds limit)
+    : m_limit(limit), m_state(std::make_shared<SState>()), m_worker(&BoundedCall::Work, m_state) {}
+
+BoundedCall::~BoundedCall() {
+  bool busy = false;
+  {
+    std::lock_guard<std::mutex> hold(m_state->lock);
+    m_state->stop = true;
+    busy = m_state->started != m_state->finished;
+  }
+  m_state->changed.notify_all();
+  if (busy) {
+    m_worker.detach();
+  } else {
+    m_worker.join();
+  }
+}
+
+std::string BoundedCall::LimitText(std::chrono::milliseconds limit) {
+  std::ostringstream text;
+  text << static_cast<double>(limit.count()) / 1000.0 << " s";
+  return text.str();
+}
+
+unsigned long BoundedCall::Abandoned() { return g_abandoned.load(); }
+
+BoundedCall::EResult BoundedCall::Run(std::function<void()> call) {
+  const auto deadline = std::chrono::steady_clock::now() + m_limit;
+  {
+    std::lock_guard<std::mutex> hold(m_state->lock);
+    if (m_state->abandoned) return EResult::kBusy;
+  }
+  std::unique_lock<std::timed_mutex> turn(m_state->callers, deadline);
+  if (!turn.owns_lock()) return EResult::kTimedOut;
+
+  std::unique_lock<std::mutex> hold(m_state->lock);
+  if (m_state->abandoned) return EResult::kBusy;
+  m_state->call = std::move(call);
+  const unsigned long mine = m_state->started + 1;
+  m_state->changed.notify_all();
+  const bool done = m_state->changed.wait_until(hold, deadline, [&] { return m_state->finished >= mine; });
+  if (done) return EResult::kDone;
+  // The worker may not even have taken the call yet: then it never runs (and
+  // what it owns goes after the lock is released).
+  if (m_state->call) {
+    std::function<void()> dropped = std::move(m_state->call);
+    m_state->call = nullptr;
+    hold.unlock();
+    return EResult::kTimedOut;
+  }
+  m_state->abandoned = true;
+  ++g_abandoned;
+  return EResult::kTimedOut;
+}
+
+void BoundedCall::Work(std::shared_ptr<SState> state) {
+  std::unique_lock<std::mutex> hold(state->lock);
+  for (;;) {
+    state->changed.wait(hold, [&] { return state->stop || state->call; });
+    if (!state->call) return;  // stopped with nothing to do
+    std::function<void()> call = std::move(state->call);
+    state->call = nullptr;
+    ++state->started;
+    hold.unlock();
+    try {
+      call();
+      call = nullptr;  // what the call owns goes in this thread, still unbounded
+    } catch (...) {  // calls report through what they own; nothing escapes
+      call = nullptr;
+    }
+    hold.lock();
+    ++state->finished;
+    if (state->abandoned) {
+      state->abandoned = false;
+      --g_abandoned;
+    }
+    state->changed.notify_all();
+  }
+}

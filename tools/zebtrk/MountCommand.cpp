@@ -1,0 +1,238 @@
+#include "tools/zebtrk/MountCommand.h"
+
+#define FUSE_USE_VERSION 312
+#include <fcntl.h>
+#include <fuse.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <ostream>
+
+#include "tools/zebtrk/ArgumentList.h"
+#include "tools/zebtrk/BoundedCall.h"
+#include "tools/zebtrk/CliError.h"
+#include "tools/zebtrk/ListingFollower.h"
+#include "tools/zebtrk/MountFileSystem.h"
+#include "tools/zebtrk/PluginLoader.h"
+#include "tools/zebtrk/ServiceProbe.h"
+
+namespace {
+
+const char* const kUsage =
+    "zebtrk mount MOUNTPOINT [--foreground] [--allow-delete] [--timeout S]\n"
+    "  Shows the movies as files in the folder MOUNTPOINT (FUSE), for any program\n"
+    "  to open, with no export step. For each movie NAME:\n"
+    "    NAME.raw   the frame data (16-bit little-endian pixels, frame after frame)\n"
+    "    NAME.info  its raw imager information file (NAME.raw + NAME.info is a raw\n"
+    "               imager file)\n"
+    "    NAME.npy   a NumPy .npy file of shape (frames, height, width), uint16:\n"
+    "               numpy.load(PATH, mmap_mode=\"r\") maps it without copying\n"
+    "  Reads fetch only the frames they touch. The listing follows the movies\n"
+    "  recorded and deleted; listing sends nothing to the service. Read-only:\n"
+    "  writing, creating and renaming fail with EROFS; with --allow-delete,\n"
+    "  `rm MOUNTPOINT/NAME.raw` deletes the movie from the drive. A read that the\n"
+    "  service does not answer within S seconds (default 10) fails with EIO; the\n"
+    "  mount stays. Without --foreground the command returns once the folder is\n"
+    "  mounted; unmount with `fusermount3 -u MOUNTPOINT` (or Ctrl-C with\n"
+    "  --foreground).\n";
+
+const double kMaxTimeoutSeconds = 86400;
+
+bool EmulatorMode() {
+  const char* value = getenv("ZEBTRK_ENABLE_EMULATOR");
+  return value && *value;
+}
+
+std::string CacheDir() {
+  const char* home = getenv("HOME");
+  std::string base = home ? home : "";
+  if (!base.empty() && base.back() != '/') base += '/';
+  return base + ".cache/Ostrel Systems/TRK";
+}
+
+// Fails with the reason when this machine cannot mount FUSE file systems.
+void RequireFuse() {
+  const int fd = open("/dev/fuse", O_RDWR | O_CLOEXEC);
+  if (fd < 0) {
+    throw CliError(kExitFailure, std::string("cannot mount: FUSE is not available here (/dev/fuse: ") +
+                                     strerror(errno) + ")");
+  }
+  close(fd);
+}
+
+// Owns the libfuse objects of one mount: made, mounted, looped, unmounted.
+struct SFuse {
+  fuse* handle = nullptr;
+  bool mounted = false;
+  bool signals = false;
+  ~SFuse() {
+    if (signals) fuse_remove_signal_handlers(fuse_get_session(handle));
+    if (mounted) fuse_unmount(handle);
+    if (handle) fuse_destroy(handle);
+  }
+};
+
+}  // namespace
+
+const char* MountCommand::Usage() { return kUsage; }
+
+MountCommand::SSettings MountCommand::Parse(const std::vector<std::string>& args) {
+  const ArgumentList arguments("mount", args, {"--foreground", "--allow-delete"}, {"--timeout"});
+  arguments.ExpectPositional(1, 1, "zebtrk mount MOUNTPOINT [--foreground] [--allow-delete] [--timeout S]");
+  SSettings settings;
+  settings.foreground = arguments.Has("--foreground");
+  settings.allowDelete = arguments.Has("--allow-delete");
+  if (arguments.Has("--timeout")) {
+    const std::string text = arguments.Value("--timeout");
+    char* end = nullptr;
+    const double seconds = strtod(text.c_str(), &end);
+    if (text.empty() || *end != '\0' || !(seconds >= 0.001) || seconds > kMaxTimeoutSeconds) {
+      throw CliError(kExitUsage, "mount: --timeout needs seconds between 0.001 and 86400, not \"" + text + "\"");
+    }
+    settings.timeout = std::chrono::milliseconds(static_cast<long>(seconds * 1000));
+  }
+  char resolved[PATH_MAX];
+  struct stat st;
+  const std::string& given = arguments.positional()[0];
+  if (!realpath(given.c_str(), resolved) || stat(resolved, &st) != 0 || !S_ISDIR(st.st_mode)) {
+    throw CliError(kExitOutput, "mount: the mount point \"" + given + "\" is not an existing folder");
+  }
+  settings.mountPoint = resolved;
+  return settings;
+}
+
+int MountCommand::Run(const std::vector<std::string>& args) {
+  for (const std::string& arg : args) {
+    if (arg == "--help" || arg == "-h") {
+      m_out << kUsage;
+      return kExitOk;
+    }
+    if (arg == "--") break;
+  }
+  const SSettings settings = Parse(args);
+  RequireFuse();
+  if (!settings.foreground) {
+    const int parentCode = Detach();
+    if (parentCode >= 0) return parentCode;
+  }
+  return Serve(settings);
+}
+
+int MountCommand::Detach() {
+  int ready[2];
+  if (pipe2(ready, O_CLOEXEC) != 0) throw CliError(kExitFailure, "mount: cannot create a pipe");
+  m_out.flush();
+  m_err.flush();
+  const pid_t child = fork();
+  if (child < 0) {
+    close(ready[0]);
+    close(ready[1]);
+    throw CliError(kExitFailure, "mount: cannot start the background process");
+  }
+  if (child == 0) {
+    close(ready[0]);
+    m_readyFd = ready[1];
+    setsid();  // the terminal's Ctrl-C is no longer for the mount
+    return -1;
+  }
+  close(ready[1]);
+  char word = 0;
+  ssize_t n;
+  do {
+    n = read(ready[0], &word, 1);
+  } while (n < 0 && errno == EINTR);
+  close(ready[0]);
+  if (n == 1) return kExitOk;  // mounted; the child serves on
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : kExitFailure;
+}
+
+int MountCommand::Serve(const SSettings& settings) {
+  std::mutex printing;
+  const MountFileSystem::Notice notice = [this, &printing](const std::string& message) {
+    std::lock_guard<std::mutex> hold(printing);
+    m_err << "zebtrk mount: " << message << std::endl;
+  };
+
+  auto plugin = std::make_unique<PluginLoader>(PluginLoader::DefaultPath());
+  const bool emulator = EmulatorMode();
+  if (!emulator) {
+    std::string detail;
+    const ServiceProbe::EState state = ServiceProbe::Probe(detail);
+    if (state != ServiceProbe::EState::kAnswers) {
+      throw CliError(kExitNoService, ServiceProbe::NotRunningMessage(state, detail));
+    }
+  }
+  zeb::IFileSystem* fileSystem = plugin->Start();
+  if (!plugin->drivePresent()) notice("no drive is present: the folder stays empty until one is");
+
+  MountFileSystem::SOptions options;
+  options.allowDelete = settings.allowDelete;
+  options.timeout = settings.timeout;
+  auto files = std::make_unique<MountFileSystem>(*plugin, fileSystem, options, notice);
+  auto follower = std::make_unique<ListingFollower>(
+      *plugin, fileSystem, emulator, CacheDir(), [&files](const std::vector<Movie>& movies) { files->SetMovies(movies); },
+      notice);
+
+  std::string mountOptions = "fsname=zebtrk,subtype=zebtrk";
+  if (!settings.allowDelete) mountOptions += ",ro";
+  const char* argv[] = {"zebtrk", "-o", mountOptions.c_str()};
+  fuse_args args = FUSE_ARGS_INIT(3, const_cast<char**>(argv));
+  int code = kExitOk;
+  {
+    SFuse mount;
+    mount.handle = fuse_new(&args, MountFileSystem::Operations(), sizeof(fuse_operations), files.get());
+    if (!mount.handle) throw CliError(kExitFailure, "mount: libfuse refused the mount options");
+    if (fuse_mount(mount.handle, settings.mountPoint.c_str()) != 0) {
+      throw CliError(kExitFailure, "cannot mount at " + settings.mountPoint + ": FUSE is not available here " +
+                                       "(see libfuse's message above)");
+    }
+    mount.mounted = true;
+    if (fuse_set_signal_handlers(fuse_get_session(mount.handle)) != 0) {
+      throw CliError(kExitFailure, "mount: cannot install the signal handlers");
+    }
+    mount.signals = true;
+
+    m_out << "mounted " << files->views()->movies() << " movies at " << settings.mountPoint
+          << (settings.allowDelete ? " (deleting allowed)" : " (read-only)") << "; unmount with fusermount3 -u "
+          << settings.mountPoint << (settings.foreground ? " or Ctrl-C" : "") << std::endl;
+    if (m_readyFd >= 0) {
+      const char word = 1;
+      ssize_t ignored = write(m_readyFd, &word, 1);
+      (void)ignored;
+      close(m_readyFd);
+      m_readyFd = -1;
+      const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+      if (null >= 0) {
+        dup2(null, STDIN_FILENO);
+        dup2(null, STDOUT_FILENO);
+        close(null);
+      }
+      if (chdir("/") != 0) notice("cannot leave the working folder");
+    }
+
+    fuse_loop_config* loop = fuse_loop_cfg_create();
+    // A positive result is the signal that ended the loop: a normal end.
+    if (fuse_loop_mt(mount.handle, loop) < 0) code = kExitFailure;
+    fuse_loop_cfg_destroy(loop);
+  }
+  m_out << "unmounted " << settings.mountPoint << std::endl;
+  follower.reset();
+  files.reset();
+  if (BoundedCall::Abandoned() > 0) {
+    notice("the movie service still has not answered a call: leaving without unloading the plug-in");
+    m_out.flush();
+    m_err.flush();
+    _exit(kExitFailure);
+  }
+  return code;
+}
