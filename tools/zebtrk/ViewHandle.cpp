@@ -4,13 +4,19 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-
-// The plug-in's file; only the worker touches it.
-struct ViewHandle::SFile {
-  zeb::TSharedPtr<zeb::IFile> file;
-};
+#include <deque>
+#include <mutex>
 
 namespace {
+
+// Frames larger than this are not kept: their bytes are read as asked.
+const unsigned long kMaxCachedFrameBytes = 64UL << 20;
+// Frames kept per handle: the kernel's read-ahead asks for pieces of two
+// neighbouring frames out of order.
+const size_t kCachedFrames = 2;
+
+// A frame's bytes, left uninitialised until the plug-in fills them.
+typedef std::shared_ptr<const char> FrameBytes;
 
 // A block a read fills; it stays with the call when the caller gives up.
 struct SBlock {
@@ -24,6 +30,34 @@ struct SBlock {
 
 }  // namespace
 
+// The plug-in's file, which only the worker touches, and the frames last
+// read from it, which any thread may copy from.
+struct ViewHandle::SFile {
+  zeb::TSharedPtr<zeb::IFile> file;
+  std::mutex lock;  // guards `frames`
+  std::deque<std::pair<unsigned long, FrameBytes>> frames;
+
+  FrameBytes Cached(unsigned long frame) {
+    std::lock_guard<std::mutex> hold(lock);
+    for (const auto& kept : frames) {
+      if (kept.first == frame) return kept.second;
+    }
+    return nullptr;
+  }
+  // In the worker: the frame from the cache or read through the plug-in.
+  FrameBytes Fetch(unsigned long frame, unsigned long frameBytes) {
+    if (FrameBytes kept = Cached(frame)) return kept;
+    const long position = static_cast<long>(frame * frameBytes);
+    if (file->Seek(position, zeb::IFile::kSeekBegin) != position) return nullptr;
+    std::shared_ptr<char> bytes(new char[frameBytes], std::default_delete<char[]>());
+    if (file->Read(bytes.get(), static_cast<unsigned int>(frameBytes)) != frameBytes) return nullptr;
+    std::lock_guard<std::mutex> hold(lock);
+    if (frames.size() == kCachedFrames) frames.pop_front();
+    frames.emplace_back(frame, bytes);
+    return bytes;
+  }
+};
+
 ViewHandle::ViewHandle(const SMovieView& view, std::chrono::milliseconds limit)
     : m_view(view), m_file(std::make_shared<SFile>()) {
   if (view.dataBytes > 0) m_calls = std::make_unique<BoundedCall>(limit);
@@ -33,7 +67,7 @@ ViewHandle::~ViewHandle() {
   if (!m_calls) return;
   // The last reference goes in the worker: closing the movie asks the service.
   std::shared_ptr<SFile> file = std::move(m_file);
-  m_calls->Run([file]() mutable { file->file = zeb::TSharedPtr<zeb::IFile>(); });
+  m_calls->Run([file]() mutable { file.reset(); });
 }
 
 ViewHandle::SResult ViewHandle::Failure(BoundedCall::EResult result, const std::string& what,
@@ -82,20 +116,53 @@ ViewHandle::SResult ViewHandle::Read(unsigned long offset, size_t size, char*& d
     fromPrefix = std::min(wanted, static_cast<size_t>(m_view.prefix.size() - offset));
     memcpy(block->data, m_view.prefix.data() + offset, fromPrefix);
   }
-  const size_t fromData = wanted - fromPrefix;
-  if (fromData > 0) {
-    const long position = static_cast<long>(offset + fromPrefix - m_view.prefix.size());
-    std::shared_ptr<SFile> file = m_file;
-    const BoundedCall::EResult ran = m_calls->Run([file, block, position, fromPrefix, fromData] {
-      if (file->file->Seek(position, zeb::IFile::kSeekBegin) != position) return;
-      block->got = file->file->Read(block->data + fromPrefix, static_cast<unsigned int>(fromData));
-    });
-    if (ran != BoundedCall::EResult::kDone || block->got != fromData) {
-      return Failure(ran, "reading frame data", m_calls->limit());
-    }
+  if (wanted > fromPrefix) {
+    const unsigned long position = offset + fromPrefix - m_view.prefix.size();
+    const SResult copied = m_view.movie->width * m_view.movie->height * 2UL <= kMaxCachedFrameBytes
+                               ? CopyFrames(position, block->data + fromPrefix, wanted - fromPrefix)
+                               : ReadDirect(position, block, fromPrefix, wanted - fromPrefix);
+    if (copied.error != 0) return copied;
   }
   data = block->data;
   block->data = nullptr;
   bytes = wanted;
+  return SResult();
+}
+
+ViewHandle::SResult ViewHandle::CopyFrames(unsigned long position, char* out, size_t count) {
+  const unsigned long frameBytes = m_view.movie->width * m_view.movie->height * 2UL;
+  while (count > 0) {
+    const unsigned long frame = position / frameBytes;
+    const unsigned long within = position % frameBytes;
+    FrameBytes bytes = m_file->Cached(frame);
+    if (!bytes) {
+      auto fetched = std::make_shared<FrameBytes>();
+      std::shared_ptr<SFile> file = m_file;
+      const BoundedCall::EResult ran =
+          m_calls->Run([file, fetched, frame, frameBytes] { *fetched = file->Fetch(frame, frameBytes); });
+      if (ran != BoundedCall::EResult::kDone || !*fetched) return Failure(ran, "reading frame data", m_calls->limit());
+      bytes = *fetched;
+    }
+    const size_t n = static_cast<size_t>(std::min<unsigned long>(count, frameBytes - within));
+    memcpy(out, bytes.get() + within, n);
+    out += n;
+    position += n;
+    count -= n;
+  }
+  return SResult();
+}
+
+ViewHandle::SResult ViewHandle::ReadDirect(unsigned long position, const std::shared_ptr<void>& owner, size_t at,
+                                           size_t count) {
+  SBlock* block = static_cast<SBlock*>(owner.get());
+  std::shared_ptr<SFile> file = m_file;
+  const long from = static_cast<long>(position);
+  const BoundedCall::EResult ran = m_calls->Run([file, owner, block, from, at, count] {
+    if (file->file->Seek(from, zeb::IFile::kSeekBegin) != from) return;
+    block->got = file->file->Read(block->data + at, static_cast<unsigned int>(count));
+  });
+  if (ran != BoundedCall::EResult::kDone || block->got != count) {
+    return Failure(ran, "reading frame data", m_calls->limit());
+  }
   return SResult();
 }

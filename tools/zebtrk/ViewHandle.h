@@ -3,9 +3,13 @@
 // A data view (.raw, .npy) owns its own movie file of the plug-in (opened
 // through IFileSystem::OpenFile) and its own BoundedCall worker: each reader
 // keeps its own position and held frame, and a reader stuck behind a silent
-// service costs only its own bound. Reads at any offset and length are one
-// Seek and one Read of that file, which asks the service only for the frames
-// the bytes lie in. The .info view is answered from memory.
+// service costs only its own bound. A read asks the plug-in only for the
+// frames its bytes lie in, each read whole once and kept (the last two per
+// handle): the kernel splits a program's read into pieces of 128 KiB that
+// reach several FUSE threads out of order, and pieces of a frame already kept
+// are copied in the calling thread without waiting for the worker. Frames
+// over 64 MiB are not kept (their bytes are read as asked). The .info view is
+// answered from memory.
 //
 // The handle keeps the view it was opened on, so it goes on working when the
 // movie list changes (the plug-in's file addresses the movie it opened).
@@ -56,6 +60,12 @@ class ViewHandle {
   struct SFile;
   ViewHandle(const SMovieView& view, std::chrono::milliseconds limit);
   static SResult Failure(BoundedCall::EResult result, const std::string& what, std::chrono::milliseconds limit);
+  // `count` frame data bytes from `position` into `out`, through the frames
+  // kept (a missing frame is read whole, in the worker).
+  SResult CopyFrames(unsigned long position, char* out, size_t count);
+  // The same for frames too large to keep: one bounded Read into the block
+  // that `owner` holds, at `at`.
+  SResult ReadDirect(unsigned long position, const std::shared_ptr<void>& owner, size_t at, size_t count);
 
   SMovieView m_view;
   std::shared_ptr<SFile> m_file;  // shared with the calls in the worker
