@@ -177,6 +177,7 @@ int MountCommand::Serve(const SSettings& settings) {
 
   MountFileSystem::SOptions options;
   options.allowDelete = settings.allowDelete;
+  options.emulator = emulator;
   options.timeout = settings.timeout;
   auto files = std::make_unique<MountFileSystem>(*plugin, fileSystem, options, notice);
   auto follower = std::make_unique<ListingFollower>(

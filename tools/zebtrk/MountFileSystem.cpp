@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "tools/zebtrk/MovieCatalog.h"
+#include "tools/zebtrk/ServiceProbe.h"
 
 namespace {
 
@@ -238,7 +239,16 @@ int MountFileSystem::Read(uint64_t id, unsigned long offset, size_t size, char*&
 }
 
 void MountFileSystem::ReadFailed(const std::string& why) {
-  if (!m_failing.exchange(true)) m_notice(why + "; reads fail with EIO, the mount stays");
+  if (m_failing.exchange(true)) return;
+  // A killed service leaves its socket behind: the connection that failed
+  // says more than the socket folder does.
+  std::string detail;
+  if (!m_options.emulator && ServiceProbe::Probe(detail) != ServiceProbe::EState::kAnswers) {
+    m_notice(why + ": the movie service stopped; reads fail with EIO, the mount stays (unmount and mount again "
+                   "once the service runs)");
+    return;
+  }
+  m_notice(why + "; reads fail with EIO, the mount stays");
 }
 
 void MountFileSystem::Release(uint64_t id) {

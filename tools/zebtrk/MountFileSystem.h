@@ -12,8 +12,8 @@
 // are views, the movie goes with its frame data, so `rm *.info` deletes
 // nothing).
 //
-// What the user must know (a read failing, the service not answering) goes to
-// `notice`, once per change of state.
+// What the user must know (a read failing, the service not answering or
+// gone) goes to `notice`, once per change of state.
 //
 // Ownership: borrows the plug-in and its file system, which must outlive the
 // object; owns the open handles (the destructor closes those left). Threads:
@@ -45,6 +45,7 @@ class MountFileSystem {
  public:
   struct SOptions {
     bool allowDelete = false;
+    bool emulator = false;  // no service to blame for a failed read
     std::chrono::milliseconds timeout{10000};
   };
   typedef std::function<void(const std::string& message)> Notice;
