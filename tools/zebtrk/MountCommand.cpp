@@ -9,8 +9,11 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <memory>
 #include <mutex>
 #include <ostream>
@@ -65,6 +68,38 @@ void RequireFuse() {
                                      strerror(errno) + ")");
   }
   close(fd);
+}
+
+// The kernel reads ahead in windows of its default 128 KiB on a FUSE mount,
+// so a program's sequential reads reach the mount as 128 KiB requests. A
+// window of 1 MiB (the largest request that libfuse accepts) makes a request
+// cover one or more frames of most movies, eight times fewer round trips
+// through the kernel. The setting belongs to the mount's own device and goes
+// with it; only root may change it, so failure is ignored. Found through
+// /proc/self/mountinfo, since a stat of the mount point would wait for the
+// not yet running file system.
+void RaiseReadAhead(const std::string& mountPoint) {
+  std::string escaped;
+  for (char c : mountPoint) {
+    if (c == ' ' || c == '\t' || c == '\n' || c == '\\') {
+      char octal[5];
+      snprintf(octal, sizeof(octal), "\\%03o", static_cast<unsigned char>(c));
+      escaped += octal;
+    } else {
+      escaped += c;
+    }
+  }
+  std::ifstream mounts("/proc/self/mountinfo");
+  std::string line;
+  std::string device;
+  while (std::getline(mounts, line)) {
+    std::istringstream fields(line);
+    std::string id, parent, numbers, root, point;
+    if (fields >> id >> parent >> numbers >> root >> point && point == escaped) device = numbers;
+  }
+  if (device.empty()) return;
+  std::ofstream window("/sys/class/bdi/" + device + "/read_ahead_kb");
+  window << "1024\n";
 }
 
 // Owns the libfuse objects of one mount: made, mounted, looped, unmounted.
@@ -198,6 +233,7 @@ int MountCommand::Serve(const SSettings& settings) {
                                        "(see libfuse's message above)");
     }
     mount.mounted = true;
+    RaiseReadAhead(settings.mountPoint);
     if (fuse_set_signal_handlers(fuse_get_session(mount.handle)) != 0) {
       throw CliError(kExitFailure, "mount: cannot install the signal handlers");
     }
