@@ -329,6 +329,22 @@ TEST_P(MountServiceTest, ReadsFailWithEioWhenTheServiceGoes) {
   Unmount();
 }
 
+// Unmounting while the service is silent ends within the timeout, saying so.
+TEST_P(MountServiceTest, UnmountIsBoundedWhileTheServiceIsSilent) {
+  const std::vector<std::string> args = {"--timeout", "1"};
+  MOUNT_OR_SKIP(args);
+  const int fd = open((mnt_ + "/3-Gamma.raw").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  service_.Signal(SIGSTOP);
+  std::vector<char> frame(321 * 240 * 2);
+  EXPECT_EQ(pread(fd, frame.data(), frame.size(), 0), -1);
+  close(fd);
+  mount_.Signal(SIGINT);
+  EXPECT_EQ(mount_.Wait(20), 1);
+  EXPECT_TRUE(Contains(ReadFile(home_ / "mount.err"), "leaving without closing the plug-in"));
+  EXPECT_FALSE(Mounted());
+}
+
 INSTANTIATE_TEST_SUITE_P(Modes, MountServiceTest, ::testing::Values(EMode::kService),
                          [](const ::testing::TestParamInfo<EMode>&) { return "Service"; });
 

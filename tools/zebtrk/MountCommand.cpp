@@ -229,8 +229,8 @@ int MountCommand::Serve(const SSettings& settings) {
     mount.handle = fuse_new(&args, MountFileSystem::Operations(), sizeof(fuse_operations), files.get());
     if (!mount.handle) throw CliError(kExitFailure, "mount: libfuse refused the mount options");
     if (fuse_mount(mount.handle, settings.mountPoint.c_str()) != 0) {
-      throw CliError(kExitFailure, "cannot mount at " + settings.mountPoint + ": FUSE is not available here " +
-                                       "(see libfuse's message above)");
+      throw CliError(kExitFailure, "cannot mount at " + settings.mountPoint +
+                                       ": FUSE is not available here or refused the mount (libfuse's reason above)");
     }
     mount.mounted = true;
     RaiseReadAhead(settings.mountPoint);
@@ -263,10 +263,19 @@ int MountCommand::Serve(const SSettings& settings) {
     fuse_loop_cfg_destroy(loop);
   }
   m_out << "unmounted " << settings.mountPoint << std::endl;
-  follower.reset();
-  files.reset();
-  if (BoundedCall::Abandoned() > 0) {
-    notice("the movie service still has not answered a call: leaving without unloading the plug-in");
+  // Closing the movies, unregistering the handler and unloading the plug-in
+  // all may wait for the service. Bounded: past the timeout, or with a call
+  // still stuck from before, the process leaves at once (the references in
+  // the call stay valid because this function never returns then).
+  BoundedCall teardown(settings.timeout);
+  const BoundedCall::EResult ended = teardown.Run([&] {
+    follower.reset();  // first: its thread hands lists to `files`
+    files.reset();
+    if (BoundedCall::Abandoned() > 0) return;
+    plugin.reset();
+  });
+  if (ended != BoundedCall::EResult::kDone || BoundedCall::Abandoned() > 0) {
+    notice("the movie service does not answer: leaving without closing the plug-in");
     m_out.flush();
     m_err.flush();
     _exit(kExitFailure);

@@ -23,7 +23,7 @@ std::string FileName(const std::string& path) {
   return path.substr(1);
 }
 
-void* Init(fuse_conn_info* connection, fuse_config* config) {
+void* Init(fuse_conn_info*, fuse_config* config) {
   // The snapshot changes under the kernel's feet: no cached names or
   // attributes (a look-up costs a map search here), and the page cache of a
   // file is dropped at each open because a name may come back as another
@@ -35,7 +35,6 @@ void* Init(fuse_conn_info* connection, fuse_config* config) {
   // A deleted movie's open files go on reading; no hidden renames.
   config->hard_remove = 1;
   config->nullpath_ok = 1;
-  connection->max_readahead = UINT32_MAX;
   return Self();
 }
 
