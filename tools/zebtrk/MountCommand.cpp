@@ -227,6 +227,7 @@ int MountCommand::Serve(const SSettings& settings) {
   {
     SFuse mount;
     mount.handle = fuse_new(&args, MountFileSystem::Operations(), sizeof(fuse_operations), files.get());
+    fuse_opt_free_args(&args);  // fuse_new copies what it keeps
     if (!mount.handle) throw CliError(kExitFailure, "mount: libfuse refused the mount options");
     if (fuse_mount(mount.handle, settings.mountPoint.c_str()) != 0) {
       throw CliError(kExitFailure, "cannot mount at " + settings.mountPoint +
