@@ -22,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include <tiffio.h>
 #include <zeb/file/SRawImagerInfo.h>
 
 #include "tests/support/ResourceSnapshot.h"
@@ -169,9 +170,9 @@ class MountTest : public ::testing::TestWithParam<EMode> {
     return;                                                                             \
   } while (0)
 
-// The three views of every movie against its .dat, whole and at random
-// offsets from several threads at once, across frame boundaries and the .npy
-// header's end.
+// The four views of every movie against its .dat, whole and at random
+// offsets from several threads at once, across frame boundaries and the
+// headers' ends.
 TEST_P(MountTest, ViewsHoldTheMovieBytes) {
   MOUNT_OR_SKIP(std::vector<std::string>());
   for (const SMovie& movie : kMovies) {
@@ -199,6 +200,23 @@ TEST_P(MountTest, ViewsHoldTheMovieBytes) {
     EXPECT_EQ(layout.height, movie.height);
     EXPECT_EQ(layout.frames, movie.frames);
 
+    // The TIFF view as libtiff reads it: one page per frame.
+    TIFF* tif = TIFFOpen((base + ".tif").c_str(), "rc");  // c: strips as stored
+    ASSERT_NE(tif, nullptr);
+    const size_t frameBytes = size_t(movie.width) * movie.height * 2;
+    std::string page(frameBytes, '\0');
+    unsigned pages = 0;
+    do {
+      uint32_t width = 0;
+      TIFFGetField(tif, TIFFTAG_IMAGEWIDTH, &width);
+      EXPECT_EQ(width, movie.width);
+      EXPECT_EQ(TIFFReadEncodedStrip(tif, 0, &page[0], tmsize_t(frameBytes)), tmsize_t(frameBytes));
+      EXPECT_TRUE(page == dat.substr(pages * frameBytes, frameBytes)) << "page " << pages;
+      ++pages;
+    } while (TIFFReadDirectory(tif));
+    TIFFClose(tif);
+    EXPECT_EQ(pages, movie.frames);
+
     std::atomic<int> wrong{0};
     std::vector<std::thread> readers;
     for (int t = 0; t < 4; ++t) {
@@ -206,10 +224,13 @@ TEST_P(MountTest, ViewsHoldTheMovieBytes) {
         std::mt19937 random(t);
         const size_t frame = size_t(movie.width) * movie.height * 2;
         for (int i = 0; i < 40; ++i) {
-          const bool asNpy = i % 2 == 1;
-          const size_t offset = random() % dat.size(), count = 1 + random() % (3 * frame);
+          const char* const views[] = {".raw", ".npy", ".tif"};
+          const size_t starts[] = {0, header, 8};
+          const size_t offset = random() % dat.size();
+          size_t count = 1 + random() % (3 * frame);
+          if (i % 3 == 2) count = std::min(count, dat.size() - offset);  // the page directories follow
           std::string bytes;
-          const long n = PRead(base + (asNpy ? ".npy" : ".raw"), long(offset + (asNpy ? header : 0)), count, bytes);
+          const long n = PRead(base + views[i % 3], long(offset + starts[i % 3]), count, bytes);
           if (n != long(std::min(count, dat.size() - offset)) || bytes != dat.substr(offset, count)) ++wrong;
         }
       });
@@ -229,7 +250,7 @@ TEST_P(MountTest, ListingFollowsTheDrive) {
   const int fd = open(alpha.c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_GE(fd, 0);
   if (!emulator_) service_.Signal(SIGSTOP);
-  EXPECT_EQ(Names().size(), 9u);
+  EXPECT_EQ(Names().size(), 12u);
   struct stat st;
   EXPECT_EQ(stat(alpha.c_str(), &st), 0);
   EXPECT_EQ(size_t(st.st_size), Dat("1-Alpha").size());
@@ -237,11 +258,11 @@ TEST_P(MountTest, ListingFollowsTheDrive) {
   if (!emulator_) service_.Signal(SIGCONT);
 
   MakeMovie({"4-Delta", 5, 4, 3});
-  EXPECT_TRUE(WaitUntil([&] { return Names().size() == 12; }));
+  EXPECT_TRUE(WaitUntil([&] { return Names().size() == 16; }));
   EXPECT_TRUE(Contains(ReadFile(mnt_ + "/4-Delta.info"), "frames=3"));
   std::filesystem::remove(folder_ + "/2-Beta Two.dat");
   std::filesystem::remove(folder_ + "/2-Beta Two.info");
-  EXPECT_TRUE(WaitUntil([&] { return Names().size() == 9 && access((mnt_ + "/2-Beta Two.npy").c_str(), F_OK) != 0; }));
+  EXPECT_TRUE(WaitUntil([&] { return Names().size() == 12 && access((mnt_ + "/2-Beta Two.npy").c_str(), F_OK) != 0; }));
 
   const std::string dat = Dat("1-Alpha");
   std::string bytes(dat.size(), '\0');
@@ -319,7 +340,7 @@ TEST_P(MountServiceTest, ReadsFailWithEioWhenTheServiceGoes) {
   service_.Wait(30);
   EXPECT_EQ(readFrame(5, frameBytes), EIO);
   close(fd);
-  EXPECT_EQ(Names().size(), 9u);
+  EXPECT_EQ(Names().size(), 12u);
   EXPECT_TRUE(WaitUntil([&] { return Contains(ReadFile(home_ / "mount.err"), "the movie service stopped"); }));
   // What the killed service could not clean up.
   std::filesystem::remove(kSocket);

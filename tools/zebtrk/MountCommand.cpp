@@ -37,6 +37,8 @@ const char* const kUsage =
     "               imager file)\n"
     "    NAME.npy   a NumPy .npy file of shape (frames, height, width), uint16:\n"
     "               numpy.load(PATH, mmap_mode=\"r\") maps it without copying\n"
+    "    NAME.tif   a multi-page 16-bit TIFF, a page per frame (movies up to 4 GiB;\n"
+    "               ImageJ opens it as a virtual stack)\n"
     "  Reads fetch only the frames they touch. The listing follows the movies\n"
     "  recorded and deleted; listing sends nothing to the service. Read-only:\n"
     "  writing, creating and renaming fail with EROFS; with --allow-delete,\n"

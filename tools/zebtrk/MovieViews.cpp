@@ -4,6 +4,7 @@
 
 #include "tools/zebtrk/MovieLayout.h"
 #include "tools/zebtrk/NpyHeader.h"
+#include "tools/zebtrk/TiffLayout.h"
 
 namespace {
 
@@ -44,6 +45,14 @@ MovieViews::MovieViews(const std::vector<Movie>& movies) {
     m_views[movie->name + ".npy"] = view;
 
     for (const char* suffix : {".raw", ".info", ".npy"}) m_names.push_back(movie->name + suffix);
+    ++m_movies;
+
+    if (!TiffLayout::Fits(movie->frames, movie->height, movie->width)) continue;
+    view.kind = SMovieView::EKind::kTif;
+    view.prefix = TiffLayout::Header(movie->frames, movie->height, movie->width);
+    view.suffixBytes = TiffLayout::DirectoryBytes(movie->frames);
+    m_views[movie->name + ".tif"] = view;
+    m_names.push_back(movie->name + ".tif");
   }
 }
 

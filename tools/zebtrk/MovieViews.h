@@ -5,9 +5,12 @@
 //              raw imager file)
 //   NAME.npy   a NumPy .npy header (shape frames x height x width, "<u2")
 //              followed by the frame data
-// Every view is a prefix held in memory (empty, the .info text, the .npy
-// header) followed, for .raw and .npy, by the movie's frame data read from
-// the plug-in. Sizes and times come from the listing alone.
+//   NAME.tif   a multi-page 16-bit TIFF (TiffLayout): a header, the frame
+//              data, then the page directories (movies up to 4 GiB)
+// Every view is a prefix held in memory (empty, the .info text, the .npy or
+// TIFF header) followed, for all but .info, by the movie's frame data read
+// from the plug-in, and for .tif by the computed directories. Sizes and times
+// come from the listing alone.
 //
 // Movies whose names cannot be file names (a '/' inside) are left out; of
 // two movies with the same name the first listed is shown.
@@ -25,14 +28,15 @@
 #include "tools/zebtrk/MovieCatalog.h"
 
 struct SMovieView {
-  enum class EKind { kRaw, kInfo, kNpy };
+  enum class EKind { kRaw, kInfo, kNpy, kTif };
   EKind kind = EKind::kRaw;
   std::shared_ptr<const Movie> movie;
   std::string prefix;          // bytes in front of the frame data
   unsigned long dataBytes = 0;  // frame data after the prefix (0 for .info)
+  unsigned long suffixBytes = 0;  // TIFF page directories after the data
   time_t mtime = 0;            // the recording time (0 when unknown)
 
-  unsigned long size() const { return prefix.size() + dataBytes; }
+  unsigned long size() const { return prefix.size() + dataBytes + suffixBytes; }
 };
 
 class MovieViews {
@@ -44,7 +48,7 @@ class MovieViews {
   // Every view's file name, movie by movie in listing order.
   const std::vector<std::string>& names() const { return m_names; }
   // Movies shown.
-  size_t movies() const { return m_names.size() / kViewsPerMovie; }
+  size_t movies() const { return m_movies; }
 
   // The frame data bytes of `movie`: frames x height x width x 2.
   static unsigned long DataBytes(const Movie& movie);
@@ -52,7 +56,7 @@ class MovieViews {
   static time_t UnixTime(long ticks);
 
  private:
-  static constexpr size_t kViewsPerMovie = 3;
+  size_t m_movies = 0;
   std::map<std::string, SMovieView> m_views;
   std::vector<std::string> m_names;
 };

@@ -1,5 +1,7 @@
 #include "tools/zebtrk/ViewHandle.h"
 
+#include "tools/zebtrk/TiffLayout.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -116,12 +118,21 @@ ViewHandle::SResult ViewHandle::Read(unsigned long offset, size_t size, char*& d
     fromPrefix = std::min(wanted, static_cast<size_t>(m_view.prefix.size() - offset));
     memcpy(block->data, m_view.prefix.data() + offset, fromPrefix);
   }
-  if (wanted > fromPrefix) {
+  const unsigned long dataEnd = m_view.prefix.size() + m_view.dataBytes;
+  const size_t beforeSuffix = offset >= dataEnd ? 0 : static_cast<size_t>(std::min<unsigned long>(wanted, dataEnd - offset));
+  if (beforeSuffix > fromPrefix) {
     const unsigned long position = offset + fromPrefix - m_view.prefix.size();
     const SResult copied = m_view.movie->width * m_view.movie->height * 2UL <= kMaxCachedFrameBytes
-                               ? CopyFrames(position, block->data + fromPrefix, wanted - fromPrefix)
-                               : ReadDirect(position, block, fromPrefix, wanted - fromPrefix);
+                               ? CopyFrames(position, block->data + fromPrefix, beforeSuffix - fromPrefix)
+                               : ReadDirect(position, block, fromPrefix, beforeSuffix - fromPrefix);
     if (copied.error != 0) return copied;
+  }
+  // The TIFF page directories, computed.
+  const size_t fromSuffix = wanted - std::max(fromPrefix, beforeSuffix);
+  if (fromSuffix > 0) {
+    TiffLayout::CopyDirectories(m_view.movie->frames, m_view.movie->height, m_view.movie->width,
+                                offset + wanted - fromSuffix - dataEnd, block->data + wanted - fromSuffix,
+                                fromSuffix);
   }
   data = block->data;
   block->data = nullptr;
