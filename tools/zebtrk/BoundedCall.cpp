@@ -13,9 +13,9 @@ std::atomic<unsigned long> g_abandoned{0};
 
 // What the caller and the worker share; it outlives both sides' use of it.
 struct BoundedCall::SState {
-  std::timed_mutex callers;  // one caller at a time hands over a call
-  std::mutex lock;           // guards the fields below
+  std::mutex lock;  // guards the fields below
   std::condition_variable changed;
+  bool turnTaken = false;      // a caller is handing over a call or waiting for it
   std::function<void()> call;  // the call handed over, empty while none waits
   unsigned long started = 0;   // calls taken by the worker
   unsigned long finished = 0;  // calls the worker ended
@@ -51,19 +51,19 @@ unsigned long BoundedCall::Abandoned() { return g_abandoned.load(); }
 
 BoundedCall::EResult BoundedCall::Run(std::function<void()> call) {
   const auto deadline = std::chrono::steady_clock::now() + m_limit;
-  {
-    std::lock_guard<std::mutex> hold(m_state->lock);
-    if (m_state->abandoned) return EResult::kBusy;
-  }
-  std::unique_lock<std::timed_mutex> turn(m_state->callers, deadline);
-  if (!turn.owns_lock()) return EResult::kTimedOut;
-
   std::unique_lock<std::mutex> hold(m_state->lock);
+  // One caller at a time hands over a call; the others queue within their
+  // own bound.
+  const bool turn = m_state->changed.wait_until(hold, deadline, [&] { return !m_state->turnTaken || m_state->abandoned; });
   if (m_state->abandoned) return EResult::kBusy;
+  if (!turn) return EResult::kTimedOut;
+  m_state->turnTaken = true;
   m_state->call = std::move(call);
   const unsigned long mine = m_state->started + 1;
   m_state->changed.notify_all();
   const bool done = m_state->changed.wait_until(hold, deadline, [&] { return m_state->finished >= mine; });
+  m_state->turnTaken = false;
+  m_state->changed.notify_all();
   if (done) return EResult::kDone;
   // The worker may not even have taken the call yet: then it never runs (and
   // what it owns goes after the lock is released).
