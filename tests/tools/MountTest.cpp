@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <random>
@@ -28,6 +29,7 @@
 #include "tests/support/ResourceSnapshot.h"
 #include "tests/support/TempDir.h"
 #include "tests/tools/ChildProcess.h"
+#include "tools/zebtrk/BoundedCall.h"
 
 namespace {
 
@@ -368,5 +370,49 @@ TEST_P(MountServiceTest, UnmountIsBoundedWhileTheServiceIsSilent) {
 
 INSTANTIATE_TEST_SUITE_P(Modes, MountServiceTest, ::testing::Values(EMode::kService),
                          [](const ::testing::TestParamInfo<EMode>&) { return "Service"; });
+
+// The bound on calls into the plug-in, with calls that end when told to.
+TEST(BoundedCallTest, AbandonsAStuckCallAndFailsFastUntilItEnds) {
+  typedef BoundedCall::EResult R;
+  auto gate = std::make_shared<std::atomic<bool>>(false);
+  const auto stuck = [gate] {
+    while (!*gate) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  };
+  int runs = 0;
+  const auto quick = [&runs] { ++runs; };
+  {
+    BoundedCall calls(std::chrono::milliseconds(100));
+    EXPECT_EQ(calls.Run(quick), R::kDone);
+    EXPECT_EQ(calls.Run(stuck), R::kTimedOut);
+    EXPECT_EQ(BoundedCall::Abandoned(), 1u);
+    EXPECT_EQ(calls.Run(quick), R::kBusy);
+    EXPECT_FALSE(calls.Post(quick));
+    *gate = true;
+    EXPECT_TRUE(WaitUntil([] { return BoundedCall::Abandoned() == 0; }));
+    EXPECT_EQ(calls.Run(quick), R::kDone);
+    EXPECT_EQ(runs, 2);
+
+    // Callers queue for the worker, each within its own bound.
+    BoundedCall queue(std::chrono::milliseconds(5000));
+    std::atomic<int> done{0};
+    std::vector<std::thread> callers;
+    for (int i = 0; i < 3; ++i) {
+      callers.emplace_back([&] {
+        if (queue.Run([] { std::this_thread::sleep_for(std::chrono::milliseconds(20)); }) == R::kDone) ++done;
+      });
+    }
+    for (std::thread& caller : callers) caller.join();
+    EXPECT_EQ(done.load(), 3);
+    auto posted = std::make_shared<std::atomic<int>>(0);
+    EXPECT_TRUE(queue.Post([posted] { ++*posted; }));
+    EXPECT_TRUE(WaitUntil([&] { return *posted == 1; }));
+  }
+  // Destroying the object leaves a stuck call to end on its own.
+  *gate = false;
+  { BoundedCall(std::chrono::milliseconds(10)).Run(stuck); }
+  EXPECT_EQ(BoundedCall::Abandoned(), 1u);
+  *gate = true;
+  EXPECT_TRUE(WaitUntil([] { return BoundedCall::Abandoned() == 0; }));
+}
 
 }  // namespace

@@ -66,16 +66,28 @@ BoundedCall::EResult BoundedCall::Run(std::function<void()> call) {
   m_state->changed.notify_all();
   if (done) return EResult::kDone;
   // The worker may not even have taken the call yet: then it never runs (and
-  // what it owns goes after the lock is released).
-  if (m_state->call) {
-    std::function<void()> dropped = std::move(m_state->call);
-    m_state->call = nullptr;
-    hold.unlock();
-    return EResult::kTimedOut;
+  // what it owns goes after the lock is released). Whatever the worker is
+  // busy with, this one's or a posted call, is abandoned.
+  std::function<void()> dropped = std::move(m_state->call);
+  m_state->call = nullptr;
+  if (m_state->started != m_state->finished) {
+    m_state->abandoned = true;
+    ++g_abandoned;
   }
-  m_state->abandoned = true;
-  ++g_abandoned;
+  hold.unlock();
   return EResult::kTimedOut;
+}
+
+bool BoundedCall::Post(std::function<void()> call) {
+  std::function<void()> dropped;
+  std::lock_guard<std::mutex> hold(m_state->lock);
+  if (m_state->abandoned || m_state->turnTaken || m_state->call || m_state->started != m_state->finished) {
+    dropped = std::move(call);  // goes after the lock is released
+    return false;
+  }
+  m_state->call = std::move(call);
+  m_state->changed.notify_all();
+  return true;
 }
 
 void BoundedCall::Work(std::shared_ptr<SState> state) {

@@ -39,6 +39,12 @@ class BoundedCall {
   BoundedCall& operator=(const BoundedCall&) = delete;
 
   EResult Run(std::function<void()> call);
+  // Hands `call` to the worker without waiting for it, only when the worker
+  // is idle and nobody waits for it; false (the call dropped) otherwise. For
+  // work that may be skipped, such as reading ahead. A Run that comes while
+  // the posted call waits replaces it; one that comes while it runs waits
+  // for it within its bound.
+  bool Post(std::function<void()> call);
 
   std::chrono::milliseconds limit() const { return m_limit; }
   // The bound for messages: "10 s", "0.5 s".

@@ -13,9 +13,9 @@ namespace {
 
 // Frames larger than this are not kept: their bytes are read as asked.
 const unsigned long kMaxCachedFrameBytes = 64UL << 20;
-// Frames kept per handle: the kernel's read-ahead asks for pieces of two
-// neighbouring frames out of order.
-const size_t kCachedFrames = 2;
+// Frames kept per handle: the kernel's read-ahead asks for pieces of
+// neighbouring frames out of order, and one frame is read ahead.
+const size_t kCachedFrames = 3;
 
 // A frame's bytes, left uninitialised until the plug-in fills them.
 typedef std::shared_ptr<const char> FrameBytes;
@@ -36,8 +36,9 @@ struct SBlock {
 // read from it, which any thread may copy from.
 struct ViewHandle::SFile {
   zeb::TSharedPtr<zeb::IFile> file;
-  std::mutex lock;  // guards `frames`
+  std::mutex lock;  // guards `frames`, `lastFetched`
   std::deque<std::pair<unsigned long, FrameBytes>> frames;
+  unsigned long lastFetched = ~0UL;  // the frame a reader last waited for
 
   FrameBytes Cached(unsigned long frame) {
     std::lock_guard<std::mutex> hold(lock);
@@ -153,6 +154,7 @@ ViewHandle::SResult ViewHandle::CopyFrames(unsigned long position, char* out, si
           m_calls->Run([file, fetched, frame, frameBytes] { *fetched = file->Fetch(frame, frameBytes); });
       if (ran != BoundedCall::EResult::kDone || !*fetched) return Failure(ran, "reading frame data", m_calls->limit());
       bytes = *fetched;
+      ReadAhead(frame, frameBytes);
     }
     const size_t n = static_cast<size_t>(std::min<unsigned long>(count, frameBytes - within));
     memcpy(out, bytes.get() + within, n);
@@ -161,6 +163,17 @@ ViewHandle::SResult ViewHandle::CopyFrames(unsigned long position, char* out, si
     count -= n;
   }
   return SResult();
+}
+
+void ViewHandle::ReadAhead(unsigned long frame, unsigned long frameBytes) {
+  {
+    std::lock_guard<std::mutex> hold(m_file->lock);
+    const bool sequential = frame == m_file->lastFetched + 1;
+    m_file->lastFetched = frame;
+    if (!sequential || frame + 1 >= m_view.movie->frames) return;
+  }
+  std::shared_ptr<SFile> file = m_file;
+  m_calls->Post([file, frame, frameBytes] { file->Fetch(frame + 1, frameBytes); });
 }
 
 ViewHandle::SResult ViewHandle::ReadDirect(unsigned long position, const std::shared_ptr<void>& owner, size_t at,

@@ -4,8 +4,9 @@
 // through IFileSystem::OpenFile) and its own BoundedCall worker: each reader
 // keeps its own position and held frame, and a reader stuck behind a silent
 // service costs only its own bound. A read asks the plug-in only for the
-// frames its bytes lie in, each read whole once and kept (the last two per
-// handle): the kernel splits a program's read into pieces of 128 KiB that
+// frames its bytes lie in, each read whole once and kept (the last three per
+// handle; a sequential reader also gets the next frame read ahead while it
+// copies the current one): the kernel splits a program's read into pieces of 128 KiB that
 // reach several FUSE threads out of order, and pieces of a frame already kept
 // are copied in the calling thread without waiting for the worker. Frames
 // over 64 MiB are not kept (their bytes are read as asked). The .info view is
@@ -63,6 +64,9 @@ class ViewHandle {
   // `count` frame data bytes from `position` into `out`, through the frames
   // kept (a missing frame is read whole, in the worker).
   SResult CopyFrames(unsigned long position, char* out, size_t count);
+  // After a reader waited for `frame`: when it follows the frame waited for
+  // before, the next one is read in the worker meanwhile.
+  void ReadAhead(unsigned long frame, unsigned long frameBytes);
   // The same for frames too large to keep: one bounded Read into the block
   // that `owner` holds, at `at`.
   SResult ReadDirect(unsigned long position, const std::shared_ptr<void>& owner, size_t at, size_t count);
