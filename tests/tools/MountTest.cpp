@@ -219,6 +219,16 @@ TEST_P(MountTest, ViewsHoldTheMovieBytes) {
     TIFFClose(tif);
     EXPECT_EQ(pages, movie.frames);
 
+    // NumPy maps the .npy view (mmap on the mount) and sees the movie.
+    const tooltest::ToolRun numpy = tooltest::Run(
+        {"/usr/bin/python3", "-c",
+         "import numpy, sys; a = numpy.load(sys.argv[1], mmap_mode='r'); "
+         "b = numpy.fromfile(sys.argv[2], dtype='<u2').reshape(a.shape); print(a.shape, bool((a == b).all()))",
+         base + ".npy", folder_ + "/" + movie.stem + ".dat"});
+    EXPECT_EQ(numpy.out, "(" + std::to_string(movie.frames) + ", " + std::to_string(movie.height) + ", " +
+                             std::to_string(movie.width) + ") True\n")
+        << numpy.err;
+
     std::atomic<int> wrong{0};
     std::vector<std::thread> readers;
     for (int t = 0; t < 4; ++t) {
