@@ -242,7 +242,8 @@ int MountCommand::Serve(const SSettings& settings) {
     }
     mount.signals = true;
 
-    m_out << "mounted " << files->views()->movies() << " movies at " << settings.mountPoint
+    const size_t movies = files->views()->movies();
+    m_out << "mounted " << movies << (movies == 1 ? " movie" : " movies") << " at " << settings.mountPoint
           << (settings.allowDelete ? " (deleting allowed)" : " (read-only)") << "; unmount with fusermount3 -u "
           << settings.mountPoint << (settings.foreground ? " or Ctrl-C" : "") << std::endl;
     if (m_readyFd >= 0) {
