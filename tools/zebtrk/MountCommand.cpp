@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <fstream>
 #include <sstream>
 #include <memory>
@@ -209,17 +210,37 @@ int MountCommand::Serve(const SSettings& settings) {
       throw CliError(kExitNoService, ServiceProbe::NotRunningMessage(state, detail));
     }
   }
-  zeb::IFileSystem* fileSystem = plugin->Start();
-  if (!plugin->drivePresent()) notice("no drive is present: the folder stays empty until one is");
-
   MountFileSystem::SOptions options;
   options.allowDelete = settings.allowDelete;
   options.emulator = emulator;
   options.timeout = settings.timeout;
-  auto files = std::make_unique<MountFileSystem>(*plugin, fileSystem, options, notice);
-  auto follower = std::make_unique<ListingFollower>(
-      *plugin, fileSystem, emulator, CacheDir(), [&files](const std::vector<Movie>& movies) { files->SetMovies(movies); },
-      notice);
+  std::unique_ptr<MountFileSystem> files;
+  std::unique_ptr<ListingFollower> follower;
+  // Building the plug-in's file system asks the service for the movie list;
+  // a service that accepts but does not answer is bounded like every read.
+  // (The references stay valid: past the bound the process leaves at once.)
+  std::exception_ptr failure;
+  bool drive = false;
+  BoundedCall start(settings.timeout);
+  const BoundedCall::EResult started = start.Run([&] {
+    try {
+      zeb::IFileSystem* fileSystem = plugin->Start();
+      drive = plugin->drivePresent();
+      files = std::make_unique<MountFileSystem>(*plugin, fileSystem, options, notice);
+      follower = std::make_unique<ListingFollower>(
+          *plugin, fileSystem, emulator, CacheDir(),
+          [&files](const std::vector<Movie>& movies) { files->SetMovies(movies); }, notice);
+    } catch (...) {
+      failure = std::current_exception();
+    }
+  });
+  if (started != BoundedCall::EResult::kDone) {
+    m_err << "zebtrk: the movie service accepts connections but did not answer within "
+          << BoundedCall::LimitText(settings.timeout) << std::endl;
+    _exit(kExitNoService);
+  }
+  if (failure) std::rethrow_exception(failure);
+  if (!drive) notice("no drive is present: the folder stays empty until one is");
 
   std::string mountOptions = "fsname=zebtrk,subtype=zebtrk";
   if (!settings.allowDelete) mountOptions += ",ro";
