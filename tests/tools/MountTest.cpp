@@ -363,7 +363,8 @@ TEST_P(MountServiceTest, ReadsFailWithEioWhenTheServiceGoes) {
   Unmount();
 }
 
-// Unmounting while the service is silent ends within the timeout, saying so.
+// Unmounting, and mounting, while the service is silent end within the
+// timeout, saying so.
 TEST_P(MountServiceTest, UnmountIsBoundedWhileTheServiceIsSilent) {
   const std::vector<std::string> args = {"--timeout", "1"};
   MOUNT_OR_SKIP(args);
@@ -376,6 +377,13 @@ TEST_P(MountServiceTest, UnmountIsBoundedWhileTheServiceIsSilent) {
   mount_.Signal(SIGINT);
   EXPECT_EQ(mount_.Wait(20), 1);
   EXPECT_TRUE(Contains(ReadFile(home_ / "mount.err"), "leaving without closing the plug-in"));
+  EXPECT_FALSE(Mounted());
+
+  // Mounting against the silent service ends within the bound, too.
+  const tooltest::ToolRun again = tooltest::Run({ZEBTRK_CLI, "mount", mnt_, "--foreground", "--timeout", "1"},
+                                                {"HOME=" + home_.path(), "ZEBTRK_ENABLE_EMULATOR"}, 20);
+  EXPECT_EQ(again.status, 3) << again.err;
+  EXPECT_TRUE(Contains(again.err, "did not answer within 1 s")) << again.err;
   EXPECT_FALSE(Mounted());
 }
 
