@@ -29,7 +29,7 @@
 #include "tests/support/ResourceSnapshot.h"
 #include "tests/support/TempDir.h"
 #include "tests/tools/ChildProcess.h"
-#include "tools/zebtrk/BoundedCall.h"
+#include "tools/zebtrk/BoundedWorker.h"
 
 namespace {
 
@@ -391,8 +391,8 @@ INSTANTIATE_TEST_SUITE_P(Modes, MountServiceTest, ::testing::Values(EMode::kServ
                          [](const ::testing::TestParamInfo<EMode>&) { return "Service"; });
 
 // The bound on calls into the plug-in, with calls that end when told to.
-TEST(BoundedCallTest, AbandonsAStuckCallAndFailsFastUntilItEnds) {
-  typedef BoundedCall::EResult R;
+TEST(BoundedWorkerTest, AbandonsAStuckCallAndFailsFastUntilItEnds) {
+  typedef BoundedWorker::EResult R;
   auto gate = std::make_shared<std::atomic<bool>>(false);
   const auto stuck = [gate] {
     while (!*gate) std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -400,19 +400,19 @@ TEST(BoundedCallTest, AbandonsAStuckCallAndFailsFastUntilItEnds) {
   int runs = 0;
   const auto quick = [&runs] { ++runs; };
   {
-    BoundedCall calls(std::chrono::milliseconds(100));
+    BoundedWorker calls(std::chrono::milliseconds(100));
     EXPECT_EQ(calls.Run(quick), R::kDone);
     EXPECT_EQ(calls.Run(stuck), R::kTimedOut);
-    EXPECT_EQ(BoundedCall::Abandoned(), 1u);
+    EXPECT_EQ(BoundedWorker::Abandoned(), 1u);
     EXPECT_EQ(calls.Run(quick), R::kBusy);
     EXPECT_FALSE(calls.Post(quick));
     *gate = true;
-    EXPECT_TRUE(WaitUntil([] { return BoundedCall::Abandoned() == 0; }));
+    EXPECT_TRUE(WaitUntil([] { return BoundedWorker::Abandoned() == 0; }));
     EXPECT_EQ(calls.Run(quick), R::kDone);
     EXPECT_EQ(runs, 2);
 
     // Callers queue for the worker, each within its own bound.
-    BoundedCall queue(std::chrono::milliseconds(5000));
+    BoundedWorker queue(std::chrono::milliseconds(5000));
     std::atomic<int> done{0};
     std::vector<std::thread> callers;
     for (int i = 0; i < 3; ++i) {
@@ -428,10 +428,10 @@ TEST(BoundedCallTest, AbandonsAStuckCallAndFailsFastUntilItEnds) {
   }
   // Destroying the object leaves a stuck call to end on its own.
   *gate = false;
-  { BoundedCall(std::chrono::milliseconds(10)).Run(stuck); }
-  EXPECT_EQ(BoundedCall::Abandoned(), 1u);
+  { BoundedWorker(std::chrono::milliseconds(10)).Run(stuck); }
+  EXPECT_EQ(BoundedWorker::Abandoned(), 1u);
   *gate = true;
-  EXPECT_TRUE(WaitUntil([] { return BoundedCall::Abandoned() == 0; }));
+  EXPECT_TRUE(WaitUntil([] { return BoundedWorker::Abandoned() == 0; }));
 }
 
 }  // namespace

@@ -20,7 +20,7 @@
 #include <ostream>
 
 #include "tools/zebtrk/ArgumentList.h"
-#include "tools/zebtrk/BoundedCall.h"
+#include "tools/zebtrk/BoundedWorker.h"
 #include "tools/zebtrk/CliError.h"
 #include "tools/zebtrk/ListingFollower.h"
 #include "tools/zebtrk/MountFileSystem.h"
@@ -221,8 +221,8 @@ int MountCommand::Serve(const SSettings& settings) {
   // (The references stay valid: past the bound the process leaves at once.)
   std::exception_ptr failure;
   bool drive = false;
-  BoundedCall start(settings.timeout);
-  const BoundedCall::EResult started = start.Run([&] {
+  BoundedWorker start(settings.timeout);
+  const BoundedWorker::EResult started = start.Run([&] {
     try {
       zeb::IFileSystem* fileSystem = plugin->Start();
       drive = plugin->drivePresent();
@@ -234,9 +234,9 @@ int MountCommand::Serve(const SSettings& settings) {
       failure = std::current_exception();
     }
   });
-  if (started != BoundedCall::EResult::kDone) {
+  if (started != BoundedWorker::EResult::kDone) {
     m_err << "zebtrk: the movie service accepts connections but did not answer within "
-          << BoundedCall::LimitText(settings.timeout) << std::endl;
+          << BoundedWorker::LimitText(settings.timeout) << std::endl;
     _exit(kExitNoService);
   }
   if (failure) std::rethrow_exception(failure);
@@ -292,14 +292,14 @@ int MountCommand::Serve(const SSettings& settings) {
   // all may wait for the service. Bounded: past the timeout, or with a call
   // still stuck from before, the process leaves at once (the references in
   // the call stay valid because this function never returns then).
-  BoundedCall teardown(settings.timeout);
-  const BoundedCall::EResult ended = teardown.Run([&] {
+  BoundedWorker teardown(settings.timeout);
+  const BoundedWorker::EResult ended = teardown.Run([&] {
     follower.reset();  // first: its thread hands lists to `files`
     files.reset();
-    if (BoundedCall::Abandoned() > 0) return;
+    if (BoundedWorker::Abandoned() > 0) return;
     plugin.reset();
   });
-  if (ended != BoundedCall::EResult::kDone || BoundedCall::Abandoned() > 0) {
+  if (ended != BoundedWorker::EResult::kDone || BoundedWorker::Abandoned() > 0) {
     notice("the movie service does not answer: leaving without closing the plug-in");
     m_out.flush();
     m_err.flush();

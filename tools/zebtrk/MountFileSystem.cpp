@@ -277,13 +277,13 @@ int MountFileSystem::Unlink(const std::string& path) {
   PluginLoader* plugin = &m_plugin;
   zeb::IFileSystem* fileSystem = m_fileSystem;
   const std::string uri = view->movie->uri();
-  const BoundedCall::EResult ran = m_removals.Run([plugin, fileSystem, uri, outcome] {
+  const BoundedWorker::EResult ran = m_removals.Run([plugin, fileSystem, uri, outcome] {
     outcome->removed = plugin->removeFile(uri.c_str());
     if (outcome->removed) outcome->movies = MovieCatalog(fileSystem).List();
   });
-  if (ran != BoundedCall::EResult::kDone) {
+  if (ran != BoundedWorker::EResult::kDone) {
     m_notice("deleting a movie: the movie service did not answer within " +
-             BoundedCall::LimitText(m_options.timeout));
+             BoundedWorker::LimitText(m_options.timeout));
     return -EIO;
   }
   if (!outcome->removed) return -EIO;

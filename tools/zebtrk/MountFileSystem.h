@@ -34,7 +34,7 @@
 
 #include <zeb/IFileSystem.h>
 
-#include "tools/zebtrk/BoundedCall.h"
+#include "tools/zebtrk/BoundedWorker.h"
 #include "tools/zebtrk/MovieViews.h"
 #include "tools/zebtrk/PluginLoader.h"
 #include "tools/zebtrk/ViewHandle.h"
@@ -80,7 +80,7 @@ class MountFileSystem {
   zeb::IFileSystem* m_fileSystem;
   const SOptions m_options;
   Notice m_notice;
-  BoundedCall m_removals;  // deletions, one at a time
+  BoundedWorker m_removals;  // deletions, one at a time
 
   mutable std::mutex m_lock;  // guards the two below
   std::shared_ptr<const MovieViews> m_views;

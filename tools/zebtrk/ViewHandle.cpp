@@ -63,7 +63,7 @@ struct ViewHandle::SFile {
 
 ViewHandle::ViewHandle(const SMovieView& view, std::chrono::milliseconds limit)
     : m_view(view), m_file(std::make_shared<SFile>()) {
-  if (view.dataBytes > 0) m_calls = std::make_unique<BoundedCall>(limit);
+  if (view.dataBytes > 0) m_calls = std::make_unique<BoundedWorker>(limit);
 }
 
 ViewHandle::~ViewHandle() {
@@ -73,14 +73,14 @@ ViewHandle::~ViewHandle() {
   m_calls->Run([file]() mutable { file.reset(); });
 }
 
-ViewHandle::SResult ViewHandle::Failure(BoundedCall::EResult result, const std::string& what,
+ViewHandle::SResult ViewHandle::Failure(BoundedWorker::EResult result, const std::string& what,
                                         std::chrono::milliseconds limit) {
   SResult failure;
   failure.error = -EIO;
-  if (result == BoundedCall::EResult::kDone) {
+  if (result == BoundedWorker::EResult::kDone) {
     failure.why = what + " failed";
   } else {
-    failure.why = what + ": the movie service did not answer within " + BoundedCall::LimitText(limit);
+    failure.why = what + ": the movie service did not answer within " + BoundedWorker::LimitText(limit);
   }
   return failure;
 }
@@ -95,11 +95,11 @@ std::unique_ptr<ViewHandle> ViewHandle::Open(zeb::IFileSystem* fileSystem, const
   const std::string uri = view.movie->uri();
   const unsigned long expected = view.dataBytes;
   std::shared_ptr<SFile> file = handle->m_file;
-  const BoundedCall::EResult ran = handle->m_calls->Run([fileSystem, uri, expected, file, opened] {
+  const BoundedWorker::EResult ran = handle->m_calls->Run([fileSystem, uri, expected, file, opened] {
     file->file = fileSystem->OpenFile(uri.c_str(), zeb::IFile::kModeRead);
     *opened = file->file && file->file->GetSize() == static_cast<long>(expected);
   });
-  if (ran == BoundedCall::EResult::kDone && *opened) return handle;
+  if (ran == BoundedWorker::EResult::kDone && *opened) return handle;
   result = Failure(ran, "opening the movie", limit);
   return nullptr;
 }
@@ -150,9 +150,9 @@ ViewHandle::SResult ViewHandle::CopyFrames(unsigned long position, char* out, si
     if (!bytes) {
       auto fetched = std::make_shared<FrameBytes>();
       std::shared_ptr<SFile> file = m_file;
-      const BoundedCall::EResult ran =
+      const BoundedWorker::EResult ran =
           m_calls->Run([file, fetched, frame, frameBytes] { *fetched = file->Fetch(frame, frameBytes); });
-      if (ran != BoundedCall::EResult::kDone || !*fetched) return Failure(ran, "reading frame data", m_calls->limit());
+      if (ran != BoundedWorker::EResult::kDone || !*fetched) return Failure(ran, "reading frame data", m_calls->limit());
       bytes = *fetched;
       ReadAhead(frame, frameBytes);
     }
@@ -181,11 +181,11 @@ ViewHandle::SResult ViewHandle::ReadDirect(unsigned long position, const std::sh
   SBlock* block = static_cast<SBlock*>(owner.get());
   std::shared_ptr<SFile> file = m_file;
   const long from = static_cast<long>(position);
-  const BoundedCall::EResult ran = m_calls->Run([file, owner, block, from, at, count] {
+  const BoundedWorker::EResult ran = m_calls->Run([file, owner, block, from, at, count] {
     if (file->file->Seek(from, zeb::IFile::kSeekBegin) != from) return;
     block->got = file->file->Read(block->data + at, static_cast<unsigned int>(count));
   });
-  if (ran != BoundedCall::EResult::kDone || block->got != count) {
+  if (ran != BoundedWorker::EResult::kDone || block->got != count) {
     return Failure(ran, "reading frame data", m_calls->limit());
   }
   return SResult();

@@ -1,7 +1,7 @@
 // ViewHandle: one open file of the mounted folder (one FUSE file handle).
 //
 // A data view (.raw, .npy) owns its own movie file of the plug-in (opened
-// through IFileSystem::OpenFile) and its own BoundedCall worker: each reader
+// through IFileSystem::OpenFile) and its own BoundedWorker worker: each reader
 // keeps its own position and held frame, and a reader stuck behind a silent
 // service costs only its own bound. A read asks the plug-in only for the
 // frames its bytes lie in, each read whole once and kept (the last three per
@@ -29,7 +29,7 @@
 #include <zeb/IFileSystem.h>
 #include <zeb/TSharedPtr.h>
 
-#include "tools/zebtrk/BoundedCall.h"
+#include "tools/zebtrk/BoundedWorker.h"
 #include "tools/zebtrk/MovieViews.h"
 
 class ViewHandle {
@@ -60,7 +60,7 @@ class ViewHandle {
  private:
   struct SFile;
   ViewHandle(const SMovieView& view, std::chrono::milliseconds limit);
-  static SResult Failure(BoundedCall::EResult result, const std::string& what, std::chrono::milliseconds limit);
+  static SResult Failure(BoundedWorker::EResult result, const std::string& what, std::chrono::milliseconds limit);
   // `count` frame data bytes from `position` into `out`, through the frames
   // kept (a missing frame is read whole, in the worker).
   SResult CopyFrames(unsigned long position, char* out, size_t count);
@@ -73,5 +73,5 @@ class ViewHandle {
 
   SMovieView m_view;
   std::shared_ptr<SFile> m_file;  // shared with the calls in the worker
-  std::unique_ptr<BoundedCall> m_calls;
+  std::unique_ptr<BoundedWorker> m_calls;
 };

@@ -1,4 +1,4 @@
-#include "tools/zebtrk/BoundedCall.h"
+#include "tools/zebtrk/BoundedWorker.h"
 
 #include <atomic>
 #include <condition_variable>
@@ -12,7 +12,7 @@ std::atomic<unsigned long> g_abandoned{0};
 }  // namespace
 
 // What the caller and the worker share; it outlives both sides' use of it.
-struct BoundedCall::SState {
+struct BoundedWorker::SState {
   std::mutex lock;  // guards the fields below
   std::condition_variable changed;
   bool turnTaken = false;      // a caller is handing over a call or waiting for it
@@ -23,10 +23,10 @@ struct BoundedCall::SState {
   bool stop = false;
 };
 
-BoundedCall::BoundedCall(std::chrono::milliseconds limit)
-    : m_limit(limit), m_state(std::make_shared<SState>()), m_worker(&BoundedCall::Work, m_state) {}
+BoundedWorker::BoundedWorker(std::chrono::milliseconds limit)
+    : m_limit(limit), m_state(std::make_shared<SState>()), m_worker(&BoundedWorker::Work, m_state) {}
 
-BoundedCall::~BoundedCall() {
+BoundedWorker::~BoundedWorker() {
   bool busy = false;
   {
     std::lock_guard<std::mutex> hold(m_state->lock);
@@ -41,15 +41,15 @@ BoundedCall::~BoundedCall() {
   }
 }
 
-std::string BoundedCall::LimitText(std::chrono::milliseconds limit) {
+std::string BoundedWorker::LimitText(std::chrono::milliseconds limit) {
   std::ostringstream text;
   text << static_cast<double>(limit.count()) / 1000.0 << " s";
   return text.str();
 }
 
-unsigned long BoundedCall::Abandoned() { return g_abandoned.load(); }
+unsigned long BoundedWorker::Abandoned() { return g_abandoned.load(); }
 
-BoundedCall::EResult BoundedCall::Run(std::function<void()> call) {
+BoundedWorker::EResult BoundedWorker::Run(std::function<void()> call) {
   const auto deadline = std::chrono::steady_clock::now() + m_limit;
   std::unique_lock<std::mutex> hold(m_state->lock);
   // One caller at a time hands over a call; the others queue within their
@@ -78,7 +78,7 @@ BoundedCall::EResult BoundedCall::Run(std::function<void()> call) {
   return EResult::kTimedOut;
 }
 
-bool BoundedCall::Post(std::function<void()> call) {
+bool BoundedWorker::Post(std::function<void()> call) {
   std::function<void()> dropped;
   std::lock_guard<std::mutex> hold(m_state->lock);
   if (m_state->abandoned || m_state->turnTaken || m_state->call || m_state->started != m_state->finished) {
@@ -90,7 +90,7 @@ bool BoundedCall::Post(std::function<void()> call) {
   return true;
 }
 
-void BoundedCall::Work(std::shared_ptr<SState> state) {
+void BoundedWorker::Work(std::shared_ptr<SState> state) {
   std::unique_lock<std::mutex> hold(state->lock);
   for (;;) {
     state->changed.wait(hold, [&] { return state->stop || state->call; });

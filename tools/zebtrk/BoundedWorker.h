@@ -1,6 +1,8 @@
-// BoundedCall: runs calls that may block without end (calls into the plug-in,
-// which waits for its service without a time limit) on a thread of its own,
-// and waits for each at most a fixed time.
+// BoundedWorker: one worker thread, shared by many callers, for calls that
+// may block without end (calls into the plug-in, which waits for its service
+// without a time limit); each caller waits at most a fixed time. The mount
+// gives one to each open view. (BoundedCall is the command line's
+// one-caller form, which also waits on Ctrl-C.)
 //
 // A call that has not finished in time is abandoned, not cancelled: Run
 // returns kTimedOut, the call goes on in the worker thread, and until it ends
@@ -25,7 +27,7 @@
 #include <string>
 #include <thread>
 
-class BoundedCall {
+class BoundedWorker {
  public:
   enum class EResult {
     kDone,      // the call ran to its end within the bound
@@ -33,10 +35,10 @@ class BoundedCall {
     kBusy       // an earlier abandoned call still occupies the worker
   };
 
-  explicit BoundedCall(std::chrono::milliseconds limit);
-  ~BoundedCall();
-  BoundedCall(const BoundedCall&) = delete;
-  BoundedCall& operator=(const BoundedCall&) = delete;
+  explicit BoundedWorker(std::chrono::milliseconds limit);
+  ~BoundedWorker();
+  BoundedWorker(const BoundedWorker&) = delete;
+  BoundedWorker& operator=(const BoundedWorker&) = delete;
 
   EResult Run(std::function<void()> call);
   // Hands `call` to the worker without waiting for it, only when the worker
