@@ -22,6 +22,7 @@
 #include "tools/zebtrk/FrameExporter.h"
 #include "tools/zebtrk/JsonWriter.h"
 #include "tools/zebtrk/OutputFile.h"
+#include "tools/zebtrk/MountCommand.h"
 #include "tools/zebtrk/PluginLoader.h"
 #include "tools/zebtrk/ProgressBar.h"
 #include "tools/zebtrk/ServiceProbe.h"
@@ -161,7 +162,7 @@ std::string Commands::Usage() {
              "       zebtrk --version | --help\n"
              "\n") +
          kStatusUsage + "\n" + kListUsage + "\n" + kInfoUsage + "\n" + kExportUsage + "\n" + kRemoveUsage + "\n" +
-         kWatchUsage +
+         kWatchUsage + "\n" + MountCommand::Usage() +
          "\n"
          "--timeout S (any command): how long to wait for the movie service to answer\n"
          "one request, in seconds (default 10). A service that stays silent longer\n"
@@ -226,6 +227,9 @@ int Commands::Run(const std::vector<std::string>& args) {
       return kExitOk;
     }
     const std::vector<std::string> rest(args.begin() + static_cast<long>(next) + 1, args.end());
+    // The mount owns its signals (libfuse's handlers, which it installs only
+    // over the default action) and bounds its calls per open view.
+    if (command == "mount") return MountCommand(m_out, m_err, std::chrono::milliseconds(m_timeoutMs)).Run(rest);
     m_signals = std::make_unique<SignalMonitor>();
     m_bound = std::make_unique<BoundedCall>(std::chrono::milliseconds(m_timeoutMs), m_signals->fd(),
                                             std::chrono::milliseconds(kGraceMs));
