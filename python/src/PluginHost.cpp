@@ -1,0 +1,166 @@
+#include "python/src/PluginHost.h"
+
+#include <dlfcn.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include <zeb/CUriHandler.h>
+
+#include "python/src/PythonErrors.h"
+#include "tools/zebtrk/CliError.h"
+#include "tools/zebtrk/ServiceProbe.h"
+
+namespace {
+
+typedef ModuleError::EKind EKind;
+
+std::string Folder(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "." : path.substr(0, slash);
+}
+
+// The kind of a zebtrk tool error, for the errors of the borrowed classes.
+EKind KindOf(const CliError& error) {
+  switch (error.code()) {
+    case kExitNoMovie:
+      return EKind::kNoMovie;
+    case kExitNoService:
+      return EKind::kNoService;
+    default:
+      return EKind::kFailure;
+  }
+}
+
+}  // namespace
+
+PluginHost& PluginHost::Instance() {
+  static PluginHost* host = new PluginHost();  // lives until exit (see header)
+  return *host;
+}
+
+std::string PluginHost::PluginPath() {
+  const char* overridden = getenv("ZEBTRK_PLUGIN");
+  if (overridden && *overridden) return overridden;
+  Dl_info info{};
+  if (dladdr(reinterpret_cast<void*>(&zeb::CUriHandler::instance), &info) && info.dli_fname) {
+    return Folder(info.dli_fname) + "/libzebtrk.so";
+  }
+  return "libzebtrk.so";
+}
+
+std::string PluginHost::CacheDir() {
+  // The plug-in's rule: $HOME, else the password entry's home directory.
+  std::string base;
+  if (const char* home = getenv("HOME")) {
+    base = home;
+  } else if (const passwd* entry = getpwuid(getuid())) {
+    base = entry->pw_dir ? entry->pw_dir : "";
+  }
+  if (!base.empty() && base.back() != '/') base += '/';
+  return base + ".cache/Ostrel Systems/TRK";
+}
+
+bool PluginHost::EmulatorRequested() {
+  const char* value = getenv("ZEBTRK_ENABLE_EMULATOR");
+  return value && *value;
+}
+
+void PluginHost::Start() {
+  std::lock_guard<std::mutex> hold(m_lock);
+  const bool emulator = m_fileSystem ? m_emulator : EmulatorRequested();
+  if (!emulator) {
+    std::string detail;
+    const ServiceProbe::EState state = ServiceProbe::Probe(detail);
+    if (state != ServiceProbe::EState::kAnswers) {
+      throw ModuleError(EKind::kNoService, ServiceProbe::NotRunningMessage(state, detail));
+    }
+  }
+  if (m_fileSystem) return;
+  try {
+    if (!m_plugin) m_plugin = new PluginLoader(PluginPath());
+    m_fileSystem = m_plugin->Start();
+  } catch (const CliError& error) {
+    throw ModuleError(EKind::kFailure, error.what());
+  }
+  m_emulator = emulator;
+}
+
+void PluginHost::RequireStarted() {
+  std::lock_guard<std::mutex> hold(m_lock);
+  if (!m_fileSystem) throw ModuleError(EKind::kFailure, "the plug-in is not loaded (make a zebtrk.Drive first)");
+}
+
+zeb::IFileSystem* PluginHost::fileSystem() {
+  RequireStarted();
+  return m_fileSystem;
+}
+
+PluginLoader& PluginHost::loader() {
+  RequireStarted();
+  return *m_plugin;
+}
+
+bool PluginHost::DrivePresent() { return loader().drivePresent(); }
+
+std::vector<Movie> PluginHost::List() { return MovieCatalog(fileSystem()).List(); }
+
+Movie PluginHost::Find(const std::string& query, bool allowNumber) {
+  try {
+    return MovieCatalog(fileSystem()).Find(query, allowNumber);
+  } catch (const CliError& error) {
+    // The borrowed catalog points at the command-line tool; here the list
+    // is the drive itself.
+    std::string message = error.what();
+    const std::string command = "`zebtrk ls` lists";
+    const size_t at = message.find(command);
+    if (at != std::string::npos) message.replace(at, command.size(), "list(zebtrk.Drive()) gives");
+    throw ModuleError(KindOf(error), message);
+  }
+}
+
+void PluginHost::CheckService(const std::string& what) {
+  if (m_emulator) return;
+  std::string detail;
+  const ServiceProbe::EState state = ServiceProbe::Probe(detail);
+  if (state == ServiceProbe::EState::kAnswers) return;
+  throw ModuleError(EKind::kNoService, what + " failed: " + ServiceProbe::NotRunningMessage(state, detail) +
+                                           "\nThe plug-in connects once per process: restart Python once the "
+                                           "service runs again.");
+}
+
+void PluginHost::Remove(const std::string& query) {
+  // Deleting needs the exact name, as `zebtrk rm` does: no number shortcut.
+  const Movie movie = Find(query, false);
+  if (loader().removeFile(movie.uri().c_str())) return;
+  const std::string what = "deleting " + movie.name;
+  CheckService(what);
+  // The plug-in reports only that it failed; say where to look.
+  if (m_emulator) {
+    const std::string folder = CacheDir();
+    if (access(folder.c_str(), W_OK) != 0) {
+      throw ModuleError(EKind::kPermission, what + " failed: the cache directory " + folder + " is not writable");
+    }
+    throw ModuleError(EKind::kFailure, what + " failed: its data file " + folder + "/" + movie.name +
+                                           ".dat could not be removed");
+  }
+  throw ModuleError(EKind::kFailure, what + " failed: the movie service refused it (zebtrksvc --verbose logs why)");
+}
+
+std::string PluginHost::ReadInfo(const Movie& movie) {
+  const std::string path = movie.uri() + ":info";
+  zeb::TSharedPtr<zeb::IFile> file = fileSystem()->OpenFile(path.c_str(), zeb::IFile::kModeRead);
+  if (!file) {
+    CheckService("opening " + path);
+    throw ModuleError(EKind::kFailure, "cannot open the information file " + path);
+  }
+  std::string text;
+  char buffer[4096];
+  for (;;) {
+    const unsigned int n = file->Read(buffer, sizeof(buffer));
+    if (n == 0) break;
+    text.append(buffer, n);
+  }
+  return text;
+}
