@@ -24,7 +24,6 @@ __all__ = ["Drive", "Movie", "ChangeHandler", "Error", "MovieNotFoundError", "Se
 _atexit.register(_zebtrk.shutdown)
 
 _EPOCH_1601 = _dt.datetime(1601, 1, 1, tzinfo=_dt.timezone.utc)
-_UNKNOWN_TIME = "000:00:00:00.000.000"
 
 
 def _recorded(ticks):
@@ -32,26 +31,36 @@ def _recorded(ticks):
     return _EPOCH_1601 + _dt.timedelta(microseconds=ticks // 10) if ticks else None
 
 
-def _time_code(text, near):
+def _time_code(text, year):
     """A start or end time text, "DDD:hh:mm:ss.ffffff" (normal mode) or
-    "DDD:hh:mm:ss.mmm.uuu" (emulator), as a UTC datetime. The text has the
-    day of the year but no year: it is taken from `near` (the recording
-    time), choosing the year that puts the result closest to it. None when
-    the time is unknown."""
-    if not text or text == _UNKNOWN_TIME or near is None:
-        return None
+    "DDD:hh:mm:ss.mmm.uuu" (emulator), as a UTC datetime in `year`. None
+    when the time is unknown (day 0) or the text is not a time."""
     try:
         day, hours, minutes, rest = text.split(":")
         seconds, _, fraction = rest.partition(".")
-        micros = int(fraction.replace(".", "").ljust(6, "0")[:6] or 0)
-        offset = _dt.timedelta(days=int(day) - 1, hours=int(hours), minutes=int(minutes),
-                               seconds=int(seconds), microseconds=micros)
+        micros = int(fraction.replace(".", "").ljust(6, "0")[:6])
         if int(day) < 1:
             return None
-        years = [_dt.datetime(near.year + k, 1, 1, tzinfo=_dt.timezone.utc) + offset for k in (-1, 0, 1)]
+        return _dt.datetime(year, 1, 1, tzinfo=_dt.timezone.utc) + _dt.timedelta(
+            days=int(day) - 1, hours=int(hours), minutes=int(minutes), seconds=int(seconds), microseconds=micros)
     except (ValueError, OverflowError):
         return None
-    return min(years, key=lambda t: abs(t - near))
+
+
+def _start_and_end(start_text, end_text, recorded):
+    """The start and end datetimes. The texts carry the day of the year but
+    no year: the start is put in the last year in which it does not come
+    after the recording time (a day's slack), the end in the first year in
+    which it does not come before the start."""
+    if recorded is None:
+        return None, None
+    start = _time_code(start_text, recorded.year)
+    if start is not None and start > recorded + _dt.timedelta(days=1):
+        start = _time_code(start_text, recorded.year - 1)
+    end = _time_code(end_text, start.year if start else recorded.year)
+    if start is not None and end is not None and end < start:
+        end = _time_code(end_text, start.year + 1)
+    return start, end
 
 
 class Movie:
@@ -71,8 +80,7 @@ class Movie:
         self.size = record["size"]
         self.properties = dict(record["properties"])
         self.recorded = _recorded(record["time_ticks"])
-        self.start = _time_code(record["start_time"], self.recorded)
-        self.end = _time_code(record["end_time"], self.recorded)
+        self.start, self.end = _start_and_end(record["start_time"], record["end_time"], self.recorded)
         # A duration whose end lies before its start wraps around in the
         # plug-in's unsigned arithmetic: it is not a duration then.
         us = record["duration_us"]

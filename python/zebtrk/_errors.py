@@ -1,4 +1,5 @@
-"""The exceptions of the zebtrk package (raised by its compiled half too)."""
+"""The exceptions of the zebtrk package (raised by its compiled half too).
+They show as zebtrk.<name>, where the package exports them."""
 
 
 class Error(Exception):
@@ -19,3 +20,7 @@ class ServiceError(Error, ConnectionError):
 
 class PermissionDeniedError(Error, PermissionError):
     """A deletion was refused for lack of permission."""
+
+
+for _error in (Error, MovieNotFoundError, ServiceError, PermissionDeniedError):
+    _error.__module__ = "zebtrk"
