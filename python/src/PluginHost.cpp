@@ -45,7 +45,13 @@ std::string PluginHost::PluginPath() {
   if (overridden && *overridden) return overridden;
   Dl_info info{};
   if (dladdr(reinterpret_cast<void*>(&zeb::CUriHandler::instance), &info) && info.dli_fname) {
-    return Folder(info.dli_fname) + "/libzebtrk.so";
+    // The loader's name is as the run path spelled it ("$ORIGIN/../../..").
+    std::string folder = Folder(info.dli_fname);
+    if (char* resolved = realpath(folder.c_str(), nullptr)) {
+      folder = resolved;
+      free(resolved);
+    }
+    return folder + "/libzebtrk.so";
   }
   return "libzebtrk.so";
 }

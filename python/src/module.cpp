@@ -60,14 +60,21 @@ ReaderPointer OpenReader(const std::string& name) {
   return ReaderPointer(new MovieReader(movie));
 }
 
-// Frames first, first + step, ... (count of them) as a new (count, height,
-// width) uint16 array, read straight into its memory without the GIL.
-// Ctrl-C (any pending signal handler that raises) stops a long read.
-py::array_t<uint16_t> ReadFrames(MovieReader& reader, uint64_t first, uint64_t count, int64_t step) {
+typedef py::array_t<uint16_t, py::array::c_style> FrameArray;
+
+// Frames first, first + step, ... (as many as `frames` holds) read straight
+// into the memory of `frames`, a C-contiguous (count, height, width) uint16
+// array, without the GIL. Ctrl-C (any pending signal handler that raises)
+// stops a long read.
+FrameArray ReadInto(MovieReader& reader, FrameArray frames, uint64_t first, int64_t step) {
   const Movie& movie = reader.movie();
-  py::array_t<uint16_t> frames({static_cast<py::ssize_t>(count), static_cast<py::ssize_t>(movie.height),
-                                static_cast<py::ssize_t>(movie.width)});
+  if (frames.ndim() != 3 || frames.shape(1) != movie.height || frames.shape(2) != movie.width ||
+      !frames.writeable()) {
+    throw py::value_error("out must be a writable C-contiguous uint16 array of shape (n, " +
+                          std::to_string(movie.height) + ", " + std::to_string(movie.width) + ")");
+  }
   void* out = frames.mutable_data();
+  const uint64_t count = static_cast<uint64_t>(frames.shape(0));
   bool complete;
   {
     py::gil_scoped_release unlocked;
@@ -78,6 +85,13 @@ py::array_t<uint16_t> ReadFrames(MovieReader& reader, uint64_t first, uint64_t c
   }
   if (!complete) throw py::error_already_set();
   return frames;
+}
+
+FrameArray ReadFrames(MovieReader& reader, uint64_t first, uint64_t count, int64_t step) {
+  const Movie& movie = reader.movie();
+  FrameArray frames({static_cast<py::ssize_t>(count), static_cast<py::ssize_t>(movie.height),
+                     static_cast<py::ssize_t>(movie.width)});
+  return ReadInto(reader, frames, first, step);
 }
 
 }  // namespace
@@ -133,5 +147,6 @@ PYBIND11_MODULE(_zebtrk, m) {
   py::class_<MovieReader, ReaderPointer>(m, "MovieFile")
       .def(py::init(&OpenReader))
       .def("read", &ReadFrames, py::arg("first"), py::arg("count"), py::arg("step") = 1)
+      .def("read_into", &ReadInto, py::arg("out").noconvert(), py::arg("first"), py::arg("step") = 1)
       .def("close", &MovieReader::Close, Unlocked());
 }

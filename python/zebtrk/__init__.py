@@ -100,9 +100,15 @@ class Movie:
     def _file(self):
         return _zebtrk.MovieFile(self.name)
 
-    def read(self):
-        """Every frame, as a (frames, height, width) uint16 array."""
-        return self[:]
+    def read(self, out=None):
+        """Every frame, as a (frames, height, width) uint16 array; into
+        `out` when given (such an array, C-contiguous: reusing one saves the
+        cost of fresh memory on repeated reads)."""
+        if out is None:
+            return self[:]
+        if getattr(out, "shape", None) != (self.frames, self.height, self.width):
+            raise ValueError(f"out must have the shape {(self.frames, self.height, self.width)}")
+        return self._file().read_into(out, 0)
 
     def __getitem__(self, key):
         if isinstance(key, slice):

@@ -47,6 +47,9 @@ for got, want in [(m.read(), a), (m[5], a[5]), (m[-1], a[-1]), (m[2:9:3], a[2:9:
                   (m[5:5], a[5:5]), (m[100:], a[100:]), (m[np.int64(3)], a[3])]:
     assert got.dtype == np.uint16 and got.shape == want.shape and np.array_equal(got, want)
 assert [i for i, f in m.iter_frames(1, 8, 3) if np.array_equal(f, a[i])] == [1, 4, 7]
+out = np.zeros_like(a)
+assert m.read(out=out) is out and np.array_equal(out, a)
+raises(ValueError, lambda: m.read(out=out[1:]), "out must have the shape")
 print("ok")"""),
     ("errors", """
 d = zebtrk.Drive()
