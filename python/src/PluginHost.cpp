@@ -16,6 +16,10 @@ namespace {
 
 typedef ModuleError::EKind EKind;
 
+// CheckService: how long a failure waits for a dying service to vanish.
+constexpr int kProbeRetries = 10;
+constexpr useconds_t kProbeRetryMicroseconds = 20000;
+
 std::string Folder(const std::string& path) {
   const size_t slash = path.rfind('/');
   return slash == std::string::npos ? "." : path.substr(0, slash);
@@ -128,9 +132,16 @@ Movie PluginHost::Find(const std::string& query, bool allowNumber) {
 
 void PluginHost::CheckService(const std::string& what) {
   if (m_emulator) return;
+  // A service that was just killed may still accept connections for a few
+  // milliseconds while the kernel closes its descriptors: a failure only
+  // counts as "the service answers" when the probe says so for a while.
   std::string detail;
-  const ServiceProbe::EState state = ServiceProbe::Probe(detail);
-  if (state == ServiceProbe::EState::kAnswers) return;
+  ServiceProbe::EState state = ServiceProbe::Probe(detail);
+  for (int retry = 0; state == ServiceProbe::EState::kAnswers; ++retry) {
+    if (retry == kProbeRetries) return;
+    usleep(kProbeRetryMicroseconds);
+    state = ServiceProbe::Probe(detail);
+  }
   throw ModuleError(EKind::kNoService, what + " failed: " + ServiceProbe::NotRunningMessage(state, detail) +
                                            "\nThe plug-in connects once per process: restart Python once the "
                                            "service runs again.");
