@@ -1,11 +1,12 @@
 """The zebtrk package end to end: each case runs in a fresh interpreter (the
 plug-in is one per process and connects once), against a zebtrksvc child on
 a temporary drive or in emulator mode on a temporary HOME."""
+import glob
 import os
-import shutil
 import socket
 import subprocess
 import sys
+import tempfile
 import time
 
 import pytest
@@ -89,12 +90,12 @@ print("ok")""", "ok"),
 
 
 @pytest.fixture
-def env(tmp_path):
-    home = tmp_path / "home"
-    home.mkdir()
-    environment = dict(os.environ, HOME=str(home), DRIVE=str(tmp_path / "drive"))
-    environment.pop("ZEBTRK_ENABLE_EMULATOR", None)
-    return environment
+def env():
+    with tempfile.TemporaryDirectory() as folder:
+        os.mkdir(os.path.join(folder, "home"))
+        environment = dict(os.environ, HOME=os.path.join(folder, "home"), DRIVE=os.path.join(folder, "drive"))
+        environment.pop("ZEBTRK_ENABLE_EMULATOR", None)
+        yield environment
 
 
 def listening():
@@ -106,6 +107,7 @@ def listening():
 def start(env):
     """start(mode): makes the demo drive and serves it as `mode` says."""
     services = []
+    segments = set(glob.glob("/dev/shm/zebtrksvc-*"))
 
     def run(mode, movies=3, extra=()):
         if mode == "emulator":
@@ -129,6 +131,12 @@ def start(env):
     for service in services:
         service.terminate()
         service.wait(10)
+    # A killed service leaves its socket file and segments behind.
+    if any(service.returncode == -9 for service in services):
+        for leftover in set(glob.glob("/dev/shm/zebtrksvc-*")) - segments:
+            os.unlink(leftover)
+        if not listening():
+            os.unlink(SOCKET)
 
 
 def python(env, code, **options):
