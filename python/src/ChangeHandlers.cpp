@@ -71,10 +71,13 @@ void ChangeHandlers::Trampoline(void* user) {
   Handler* handler = static_cast<Handler*>(user);
   try {
     py::gil_scoped_acquire gil;
+    // A callback may remove its own handler, which frees `handler`: only
+    // this reference of our own is used from here on.
+    py::object callback = handler->callback;
     try {
-      handler->callback();
+      callback();
     } catch (py::error_already_set& error) {
-      error.discard_as_unraisable(handler->callback);
+      error.discard_as_unraisable(callback);
     }
   } catch (...) {
   }

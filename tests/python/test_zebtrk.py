@@ -61,17 +61,19 @@ raises(IndexError, lambda: m[m.frames], "frame 12 is out of range")
 raises(IndexError, lambda: m[-13], "frame -13")
 raises(TypeError, lambda: m[1.5], "not float")
 print("ok")"""),
-    ("remove, change callbacks, a callback that raises", """
+    ("remove, change callbacks, one that raises, one that removes itself", """
 hooked = []
 sys.unraisablehook = lambda u: hooked.append(type(u.exc_value).__name__)
 d = zebtrk.Drive()
 seen = threading.Semaphore(0)
 d.on_change(lambda: 1 / 0)
 d.on_change(seen.release)
+once = []  # a callback that reads the drive and removes itself
+handler = d.on_change(lambda: (once.append(len(d)), handler.remove()))
 for m in list(d)[:2]:
     d.remove(m.name)
     assert seen.acquire(timeout=10) and m.name not in d and not os.path.exists(os.path.join(D, m.name + ".dat"))
-assert len(d) == 1 and hooked[:2] == ["ZeroDivisionError"] * 2, hooked
+assert len(d) == 1 and hooked[:2] == ["ZeroDivisionError"] * 2 and once == [2], (hooked, once)
 print("ok")"""),
 ]
 
