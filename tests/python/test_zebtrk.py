@@ -180,3 +180,16 @@ print("finished")""")
     service.kill()
     code, output = finish(reader, 30)
     assert code == 1 and "zebtrk.ServiceError: reading frame" in output and "finished" not in output
+
+
+def test_installed_package(start, env):
+    start("emulator")
+    with tempfile.TemporaryDirectory() as prefix:
+        subprocess.run([os.environ["CMAKE_COMMAND"], "--install", os.environ["ZEBTRK_BUILD_DIR"], "--prefix", prefix],
+                       check=True, stdout=subprocess.DEVNULL)
+        env["PYTHONPATH"] = os.path.join(prefix, os.environ["ZEBTRK_PYTHON_INSTALL_DIR"])
+        code, output = finish(python(env, "print(zebtrk.__file__, zebtrk._zebtrk.plugin_path(), len(zebtrk.Drive()))",
+                                     cwd="/"))
+        package, plugin, movies = output.split()
+        assert code == 0 and package == env["PYTHONPATH"] + "/zebtrk/__init__.py" and movies == "3", output
+        assert plugin.startswith(os.path.realpath(prefix) + "/") and plugin.endswith("/libzebtrk.so"), output
