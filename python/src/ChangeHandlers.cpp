@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "python/src/PluginHost.h"
-#include "python/src/PythonErrors.h"
+#include "python/src/ModuleError.h"
 
 namespace py = pybind11;
 

@@ -4,7 +4,7 @@
 #include <climits>
 
 #include "python/src/PluginHost.h"
-#include "python/src/PythonErrors.h"
+#include "python/src/ModuleError.h"
 
 namespace {
 

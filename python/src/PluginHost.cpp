@@ -8,7 +8,7 @@
 
 #include <zeb/CUriHandler.h>
 
-#include "python/src/PythonErrors.h"
+#include "python/src/ModuleError.h"
 #include "tools/zebtrk/CliError.h"
 #include "tools/zebtrk/ServiceProbe.h"
 
