@@ -7,6 +7,7 @@ import socket
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 import pytest
@@ -176,9 +177,14 @@ for i, frame in zebtrk.Drive()["7-Long"].iter_frames():
     if i == 1:
         print("reading", flush=True)
 print("finished")""")
-    assert reader.stdout.readline() == "reading\n"
-    service.kill()
-    code, output = finish(reader, 30)
+    watchdog = threading.Timer(30, reader.kill)  # bounds the readline below
+    watchdog.start()
+    try:
+        assert reader.stdout.readline() == "reading\n"
+        service.kill()
+        code, output = finish(reader, 30)
+    finally:
+        watchdog.cancel()
     assert code == 1 and "zebtrk.ServiceError: reading frame" in output and "finished" not in output
 
 
