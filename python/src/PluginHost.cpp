@@ -79,36 +79,34 @@ bool PluginHost::EmulatorRequested() {
 
 void PluginHost::Start() {
   std::lock_guard<std::mutex> hold(m_lock);
-  const bool emulator = m_fileSystem ? m_emulator : EmulatorRequested();
-  if (!emulator) {
+  const bool started = m_fileSystem.load() != nullptr;
+  if (!(started ? m_emulator.load() : EmulatorRequested())) {
     std::string detail;
     const ServiceProbe::EState state = ServiceProbe::Probe(detail);
     if (state != ServiceProbe::EState::kAnswers) {
       throw ModuleError(EKind::kNoService, ServiceProbe::NotRunningMessage(state, detail));
     }
   }
-  if (m_fileSystem) return;
+  if (started) return;
   try {
     if (!m_plugin) m_plugin = new PluginLoader(PluginPath());
-    m_fileSystem = m_plugin->Start();
+    const bool emulator = EmulatorRequested();
+    zeb::IFileSystem* fileSystem = m_plugin->Start();
+    m_emulator = emulator;
+    m_fileSystem = fileSystem;
   } catch (const CliError& error) {
     throw ModuleError(EKind::kFailure, error.what());
   }
-  m_emulator = emulator;
-}
-
-void PluginHost::RequireStarted() {
-  std::lock_guard<std::mutex> hold(m_lock);
-  if (!m_fileSystem) throw ModuleError(EKind::kFailure, "the plug-in is not loaded (make a zebtrk.Drive first)");
 }
 
 zeb::IFileSystem* PluginHost::fileSystem() {
-  RequireStarted();
-  return m_fileSystem;
+  zeb::IFileSystem* fileSystem = m_fileSystem.load();
+  if (!fileSystem) throw ModuleError(EKind::kFailure, "the plug-in is not loaded (make a zebtrk.Drive first)");
+  return fileSystem;
 }
 
 PluginLoader& PluginHost::loader() {
-  RequireStarted();
+  fileSystem();
   return *m_plugin;
 }
 

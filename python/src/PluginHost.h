@@ -16,9 +16,12 @@
 // Threads: any thread, WITHOUT the GIL: the plug-in calls Python handlers from
 // its monitoring thread while it holds its cache lock, so a thread that held
 // the GIL while waiting for that lock would deadlock. Start is serialised by
-// an internal mutex. Failures throw ModuleError.
+// an internal mutex; the other calls only read what Start published (atomics)
+// and never take that mutex, which a handler running under the plug-in's
+// lock would otherwise take in the opposite order. Failures throw ModuleError.
 #pragma once
 
+#include <atomic>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -42,7 +45,7 @@ class PluginHost {
   // how to start the simulator). The plug-in reads the mode once, when it
   // starts: emulator() tells which mode it runs in.
   void Start();
-  bool emulator() const { return m_emulator; }
+  bool emulator() const { return m_emulator.load(); }
 
   bool DrivePresent();
   std::vector<Movie> List();
@@ -61,10 +64,9 @@ class PluginHost {
 
  private:
   PluginHost() = default;
-  void RequireStarted();
-
-  std::mutex m_lock;  // guards Start
-  PluginLoader* m_plugin = nullptr;  // deliberately never deleted (see above)
-  zeb::IFileSystem* m_fileSystem = nullptr;
-  bool m_emulator = false;
+  std::mutex m_lock;  // serialises Start
+  PluginLoader* m_plugin = nullptr;  // written by Start only; never deleted (see above)
+  std::atomic<bool> m_emulator{false};
+  // Set last by a successful Start: m_plugin and m_emulator are valid then.
+  std::atomic<zeb::IFileSystem*> m_fileSystem{nullptr};
 };
