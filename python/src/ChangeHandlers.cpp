@@ -1,9 +1,9 @@
 #include "python/src/ChangeHandlers.h"
 
-#include <vector>
+#include <cxxabi.h>
 
-#include "python/src/PluginHost.h"
 #include "python/src/ModuleError.h"
+#include "python/src/PluginHost.h"
 
 namespace py = pybind11;
 
@@ -79,6 +79,8 @@ void ChangeHandlers::Trampoline(void* user) {
     } catch (py::error_already_set& error) {
       error.discard_as_unraisable(callback);
     }
+  } catch (abi::__forced_unwind&) {
+    throw;  // thread cancellation must go on unwinding
   } catch (...) {
   }
 }

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <climits>
 
-#include "python/src/PluginHost.h"
 #include "python/src/ModuleError.h"
+#include "python/src/PluginHost.h"
 
 namespace {
 
