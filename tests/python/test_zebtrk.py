@@ -29,7 +29,7 @@ def raises(kind, call, text):
     raise AssertionError("no " + kind.__name__)
 """
 
-# Cases run in both modes: (id, code). Each must end by printing "ok".
+# Cases run in both modes: (id, snippet). Each must end by printing "ok".
 BOTH = [
     ("metadata", """
 names = sorted(n[:-4] for n in os.listdir(D) if n.endswith(".dat"))
@@ -78,7 +78,7 @@ assert len(d) == 1 and hooked[:2] == ["ZeroDivisionError"] * 2 and once == [2], 
 print("ok")"""),
 ]
 
-# Cases of one mode: (id, mode, code, text expected on stdout or stderr).
+# Cases of one mode: (id, mode, snippet, text expected on stdout or stderr).
 ONE = [
     ("no service", "none", "zebtrk.Drive()", "ServiceError: the movie service is not running"),
     ("no service is a ConnectionError", "none",
@@ -148,22 +148,27 @@ def python(env, code, **options):
 
 
 def finish(process, timeout=60):
-    out, err = process.communicate(timeout=timeout)
+    try:
+        out, err = process.communicate(timeout=timeout)
+    except subprocess.TimeoutExpired:
+        process.kill()  # a hang fails the test and leaves no process behind
+        process.communicate()
+        raise
     return process.returncode, out + err
 
 
 @pytest.mark.parametrize("mode", ["service", "emulator"])
-@pytest.mark.parametrize("code", [code for _, code in BOTH], ids=[name for name, _ in BOTH])
-def test_both_modes(start, env, mode, code):
+@pytest.mark.parametrize("snippet", [snippet for _, snippet in BOTH], ids=[name for name, _ in BOTH])
+def test_both_modes(start, env, mode, snippet):
     start(mode)
-    code, output = finish(python(env, code))
+    code, output = finish(python(env, snippet))
     assert code == 0 and output.strip() == "ok", output
 
 
-@pytest.mark.parametrize("mode, code, expected", [row[1:] for row in ONE], ids=[row[0] for row in ONE])
-def test_one_mode(start, env, mode, code, expected):
+@pytest.mark.parametrize("mode, snippet, expected", [row[1:] for row in ONE], ids=[row[0] for row in ONE])
+def test_one_mode(start, env, mode, snippet, expected):
     start(mode)
-    _, output = finish(python(env, code))
+    _, output = finish(python(env, snippet))
     assert expected in output, output
 
 
