@@ -168,18 +168,10 @@ void PluginHost::Remove(const std::string& query) {
 }
 
 std::string PluginHost::ReadInfo(const Movie& movie) {
-  const std::string path = movie.uri() + ":info";
-  zeb::TSharedPtr<zeb::IFile> file = fileSystem()->OpenFile(path.c_str(), zeb::IFile::kModeRead);
-  if (!file) {
-    CheckService("opening " + path);
-    throw ModuleError(EKind::kFailure, "cannot open the information file " + path);
+  try {
+    return MovieCatalog(fileSystem()).ReadInfo(movie);
+  } catch (const CliError& error) {
+    CheckService("opening " + movie.uri() + ":info");
+    throw ModuleError(EKind::kFailure, error.what());
   }
-  std::string text;
-  char buffer[4096];
-  for (;;) {
-    const unsigned int n = file->Read(buffer, sizeof(buffer));
-    if (n == 0) break;
-    text.append(buffer, n);
-  }
-  return text;
 }

@@ -202,23 +202,31 @@ class TArray {
     return m_data[m_count++];
   }
 
-  // Insert for types whose move may throw: copies every element into a new
-  // block of the same capacity around the new one, and takes the block over
-  // only when all of them were built.
-  T& InsertIntoNewBlock(unsigned long index, const T& value) {
-    T* block = static_cast<T*>(Alloc(m_capacity * sizeof(T)));
+  // A new block of `capacity` elements whose first `count` are built from
+  // source(k), k = 0 .. count - 1. When an element's construction throws, the
+  // ones built are destroyed, the block is freed and the exception goes on.
+  template <class Source>
+  static T* BuildBlock(unsigned long capacity, unsigned long count, Source source) {
+    T* block = static_cast<T*>(Alloc(capacity * sizeof(T)));
     if (!block) ThrowBadAllocException();
     unsigned long built = 0;
     try {
-      for (; built <= m_count; ++built) {
-        const T& source = built < index ? m_data[built] : built == index ? value : m_data[built - 1];
-        new (block + built) T(source);
-      }
+      for (; built < count; ++built) new (block + built) T(source(built));
     } catch (...) {
       for (unsigned long i = 0; i < built; ++i) block[i].~T();
       Free(block);
       throw;
     }
+    return block;
+  }
+
+  // Insert for types whose move may throw: copies every element into a new
+  // block of the same capacity around the new one, and takes the block over
+  // only when all of them were built.
+  T& InsertIntoNewBlock(unsigned long index, const T& value) {
+    T* block = BuildBlock(m_capacity, m_count + 1, [&](unsigned long k) -> const T& {
+      return k < index ? m_data[k] : k == index ? value : m_data[k - 1];
+    });
     DestroyRange(0, m_count);
     Free(m_data);
     m_data = block;
@@ -241,16 +249,9 @@ class TArray {
       if (!block) ThrowBadAllocException();
       m_data = static_cast<T*>(block);
     } else {
-      T* block = static_cast<T*>(Alloc(bytes));
-      if (!block) ThrowBadAllocException();
-      unsigned long built = 0;
-      try {  // a type whose move may throw is copied, so the old block stays whole
-        for (; built < m_count; ++built) new (block + built) T(std::move_if_noexcept(m_data[built]));
-      } catch (...) {
-        for (unsigned long i = 0; i < built; ++i) block[i].~T();
-        Free(block);
-        throw;
-      }
+      // A type whose move may throw is copied, so the old block stays whole.
+      T* block = BuildBlock(capacity, m_count,
+                            [&](unsigned long k) -> decltype(auto) { return std::move_if_noexcept(m_data[k]); });
       DestroyRange(0, m_count);
       Free(m_data);
       m_data = block;
